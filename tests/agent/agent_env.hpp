@@ -1,0 +1,278 @@
+// A real call-home service and a stock snmpd with the module, on free loopback ports in a
+// temporary directory, driven with net-snmp's command-line tools.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace agent_test {
+
+namespace fs = std::filesystem;
+
+inline constexpr const char *kRoot = ".1.3.6.1.4.1.32473.9.300";
+
+struct CommandResult {
+    int status = -1;
+    std::string out; // stdout and stderr together
+};
+
+// Runs a shell command line; output is captured. Arguments must already be quoted.
+inline CommandResult run(const std::string &command) {
+    CommandResult r;
+    FILE *p = ::popen((command + " 2>&1").c_str(), "r");
+    if (p == nullptr) {
+        return r;
+    }
+    std::array<char, 4096> buf{};
+    size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) {
+        r.out.append(buf.data(), n);
+    }
+    const int st = ::pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+inline std::string quote(const std::string &s) {
+    std::string q = "'";
+    for (char c : s) {
+        if (c == '\'') {
+            q += "'\\''";
+        } else {
+            q += c;
+        }
+    }
+    return q + "'";
+}
+
+inline int free_udp_port() {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    ::close(fd);
+    return ntohs(a.sin_port);
+}
+
+// Polls `pred` every 50 ms for at most `seconds`.
+template <class Pred> bool eventually(Pred pred, double seconds = 10) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
+// A child process, killed when the object goes away.
+class Process {
+  public:
+    Process() = default;
+    Process(const std::vector<std::string> &argv, const std::map<std::string, std::string> &env,
+            const std::string &log) {
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            ::dup2(fd, 1);
+            ::dup2(fd, 2);
+            const int in = ::open("/dev/null", O_RDONLY);
+            ::dup2(in, 0);
+            for (const auto &[k, v] : env) {
+                ::setenv(k.c_str(), v.c_str(), 1);
+            }
+            std::vector<char *> args;
+            for (const auto &a : argv) {
+                args.push_back(const_cast<char *>(a.c_str()));
+            }
+            args.push_back(nullptr);
+            ::execvp(args[0], args.data());
+            ::_exit(127);
+        }
+    }
+    Process(Process &&o) noexcept : pid_(o.pid_) { o.pid_ = -1; }
+    Process &operator=(Process &&o) noexcept {
+        if (this != &o) {
+            stop();
+            pid_ = o.pid_;
+            o.pid_ = -1;
+        }
+        return *this;
+    }
+    ~Process() { stop(); }
+
+    bool running() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+    void kill(int sig) {
+        if (pid_ > 0) {
+            ::kill(pid_, sig);
+            ::waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+    }
+    void stop() { kill(SIGTERM); }
+
+  private:
+    pid_t pid_ = -1;
+};
+
+class AgentEnv : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/callhome-agent-XXXXXX";
+        ASSERT_NE(::mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        socket_ = dir_ + "/callhomed.sock";
+        db_ = dir_ + "/callhome.db";
+        port_ = free_udp_port();
+        trap_port_ = free_udp_port();
+        start_service();
+    }
+
+    void TearDown() override {
+        trapd_.stop();
+        agent_.stop();
+        service_.stop();
+        if (::testing::Test::HasFailure()) {
+            for (const char *log : {"/snmpd.log", "/callhomed.log", "/snmptrapd.log"}) {
+                std::ifstream f(dir_ + log);
+                std::stringstream s;
+                s << f.rdbuf();
+                std::cerr << "---- " << log << " ----\n" << s.str().substr(0, 20000) << "\n";
+            }
+        }
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+
+    void start_service() {
+        service_ = Process({CALLHOMED_PATH, "--socket", socket_, "--db", db_}, {},
+                           dir_ + "/callhomed.log");
+        ASSERT_TRUE(eventually([&] { return ctl({"ping"}).status == 0; }))
+            << "callhomed did not answer";
+    }
+    void stop_service() { service_.stop(); }
+    void kill_service() { service_.kill(SIGKILL); }
+
+    // Starts snmpd with the module. `extra` lines go into its configuration.
+    void start_agent(const std::string &extra = "") {
+        const std::string conf = dir_ + "/snmpd.conf";
+        std::ofstream c(conf);
+        c << "agentAddress udp:127.0.0.1:" << port_ << "\n"
+          << "rocommunity public 127.0.0.1\n"
+          << "rwcommunity private 127.0.0.1\n"
+          << "trap2sink 127.0.0.1:" << trap_port_ << " public\n"
+          << "dlmod callhome_mib " << MODULE_PATH << "\n"
+          << extra;
+        c.close();
+        fs::create_directories(dir_ + "/persist");
+        std::map<std::string, std::string> env{{"CALLHOME_SOCKET", socket_},
+                                               {"SNMP_PERSISTENT_DIR", dir_ + "/persist"},
+                                               {"MIBS", ""}};
+#ifdef CALLHOME_ASAN_RUNTIME
+        // snmpd itself is not instrumented; the sanitizer runtime must be loaded first.
+        env["LD_PRELOAD"] = CALLHOME_ASAN_RUNTIME;
+        env["ASAN_OPTIONS"] = "detect_leaks=0";
+#endif
+        agent_ = Process({SNMPD_PATH, "-f", "-C", "-c", conf, "-Lf", dir_ + "/snmpd.log", "-Dcallhome"},
+                         env, dir_ + "/snmpd.out");
+        ASSERT_TRUE(eventually([&] {
+            return snmp("snmpget", std::string(kRoot) + ".1.1.13.0").out.find("Gauge32: 50") !=
+                   std::string::npos;
+        })) << "snmpd with the module did not answer";
+    }
+    void stop_agent() { agent_.stop(); }
+
+    void start_trapd() {
+        const std::string conf = dir_ + "/snmptrapd.conf";
+        std::ofstream c(conf);
+        c << "disableAuthorization yes\n";
+        c.close();
+        trapd_ = Process({SNMPTRAPD_PATH, "-f", "-C", "-c", conf, "-On", "-Lf", dir_ + "/traps.log",
+                          "udp:127.0.0.1:" + std::to_string(trap_port_)},
+                         {{"MIBS", ""}}, dir_ + "/snmptrapd.log");
+        // snmptrapd logs this line once it listens.
+        ASSERT_TRUE(eventually([&] { return traps().find("NET-SNMP version") != std::string::npos; }));
+    }
+    std::string traps() const {
+        std::ifstream f(dir_ + "/traps.log");
+        std::stringstream s;
+        s << f.rdbuf();
+        return s.str();
+    }
+
+    // net-snmp tool against the agent: numeric OIDs, one try, 5-second timeout.
+    CommandResult snmp(const std::string &tool, const std::string &args,
+                       const std::string &community = "public") const {
+        return run("MIBS= " + tool + " -v2c -c " + community + " -On -r 0 -t 5 127.0.0.1:" +
+                   std::to_string(port_) + " " + args);
+    }
+    CommandResult ctl(const std::vector<std::string> &args) const {
+        std::string cmd = std::string(CALLHOMECTL_PATH) + " --socket " + quote(socket_);
+        for (const auto &a : args) {
+            cmd += " " + quote(a);
+        }
+        return run(cmd);
+    }
+
+    std::string dir_, socket_, db_;
+    int port_ = 0, trap_port_ = 0;
+    Process service_, agent_, trapd_;
+};
+
+// The lines "OID = TYPE: value" of a tool's output, as (oid, "TYPE: value").
+inline std::vector<std::pair<std::string, std::string>> varbinds(const std::string &out) {
+    std::vector<std::pair<std::string, std::string>> v;
+    std::istringstream in(out);
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto eq = line.find(" = ");
+        if (!line.empty() && line[0] == '.' && eq != std::string::npos) {
+            v.emplace_back(line.substr(0, eq), line.substr(eq + 3));
+        } else if (!v.empty()) {
+            v.back().second += "\n" + line; // continuation of a multi-line string
+        }
+    }
+    return v;
+}
+
+// Numeric comparison of dotted OIDs.
+inline bool oid_less(const std::string &a, const std::string &b) {
+    auto arcs = [](const std::string &s) {
+        std::vector<unsigned long> v;
+        std::istringstream in(s);
+        std::string part;
+        while (std::getline(in, part, '.')) {
+            if (!part.empty()) {
+                v.push_back(std::stoul(part));
+            }
+        }
+        return v;
+    };
+    return arcs(a) < arcs(b);
+}
+
+} // namespace agent_test
