@@ -9,7 +9,9 @@ void put_u16(uint8_t *p, uint16_t v) {
     p[0] = uint8_t(v >> 8);
     p[1] = uint8_t(v);
 }
-uint16_t get_u16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+uint16_t get_u16(const uint8_t *p) {
+    return uint16_t(p[0] << 8 | p[1]);
+}
 
 bool known_kind(uint16_t k) {
     return k >= uint16_t(Kind::Request) && k <= uint16_t(Kind::AdminReply);
@@ -50,7 +52,8 @@ std::optional<Frame> decode(const uint8_t *data, size_t size) {
     if (data == nullptr || size < kHeaderSize || size > kMaxFrame) {
         return std::nullopt;
     }
-    if (get_u32(data) != kMagic || get_u16(data + 4) != kVersion || !known_kind(get_u16(data + 6))) {
+    if (get_u32(data) != kMagic || get_u16(data + 4) != kVersion ||
+        !known_kind(get_u16(data + 6))) {
         return std::nullopt;
     }
     const size_t user_len = get_u16(data + 40);
