@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstring>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +25,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "callhome_wire.h"
+#include "cmi.h"
+#include "platform/testing.hpp"
 
 namespace agent_test {
 
@@ -149,10 +154,12 @@ class AgentEnv : public ::testing::Test {
         db_ = dir_ + "/callhome.db";
         port_ = free_udp_port();
         trap_port_ = free_udp_port();
+        platform::set_socket_path(socket_);
         start_service();
     }
 
     void TearDown() override {
+        platform::disconnect();
         trapd_.stop();
         agent_.stop();
         service_.stop();
@@ -237,6 +244,58 @@ class AgentEnv : public ::testing::Test {
         }
         return run(cmd);
     }
+
+    // Writes a record straight into the service over its request channel, as the module's
+    // SET path would; used to prepare state independently of the handlers under test.
+    template <class Record> void service_request(int opcode, int msg_type, const Record &rec) {
+        uint32_t len = sizeof rec;
+        ASSERT_EQ(cmi_req_resp(opcode, msg_type, &rec, nullptr, &len, nullptr, 0, 0, 0, 5), 0)
+            << "opcode " << opcode;
+    }
+    template <class Record> void service_set(int opcode, const Record &rec) {
+        service_request(opcode, SET_REQ, rec);
+    }
+    void set_info(const char *name, const char *value) {
+        cmi_callhome_info_t rec{};
+        std::strncpy(rec.info_name, name, sizeof rec.info_name - 1);
+        std::strncpy(rec.info_value, value, sizeof rec.info_value - 1);
+        service_set(CALLHOME_INFO_OPC, rec);
+    }
+    void add_profile(const char *name, int format = 1, uint32_t size = 500000, int level = 0) {
+        callHomeDestProfileEntry_t p{};
+        std::strncpy(p.destination_profile_id, name, sizeof p.destination_profile_id - 1);
+        p.transport_method = int32_t(htonl(1));
+        p.format_method = int32_t(htonl(uint32_t(format)));
+        p.maximum_message_size = htonl(size);
+        p.row_status = int32_t(htonl(1));
+        p.msg_level = int8_t(level);
+        service_set(CALLHOME_DEST_PROFILE_OPC, p);
+    }
+    void add_address(const char *profile, int index, const char *address) {
+        callHomeDestEmailAddressEntry_t e{};
+        std::strncpy(e.destination_profile_id, profile, sizeof e.destination_profile_id - 1);
+        std::strncpy(e.email_addr, address, sizeof e.email_addr - 1);
+        e.index = int32_t(htonl(uint32_t(index)));
+        e.row_status = int32_t(htonl(1));
+        service_set(CALLHOME_DEST_EMAIL_OPC, e);
+    }
+    void add_group(const char *profile, const char *group) {
+        callHomeAlertGroupEntry_t g{};
+        std::strncpy(g.destination_profile_id, profile, sizeof g.destination_profile_id - 1);
+        std::strncpy(g.alert_group, group, sizeof g.alert_group - 1);
+        g.row_status = int32_t(htonl(1));
+        service_set(CALLHOME_PROFILE_ALERTGROUP_OPC, g);
+    }
+    void add_command(const char *type, int index, const char *command) {
+        cmi_userdef_cli_cmd_t c{};
+        c.index = int32_t(htonl(uint32_t(index)));
+        std::strncpy(c.alertgroup_type, type, sizeof c.alertgroup_type - 1);
+        std::strncpy(c.cli_cmd, command, sizeof c.cli_cmd - 1);
+        c.row_status = int32_t(htonl(1));
+        service_set(CALLHOME_USER_DEF_CMD_OPC, c);
+    }
+    std::string get(const std::string &oid) const { return snmp("snmpget", oid).out; }
+    std::string dump() const { return ctl({"dump"}).out; }
 
     std::string dir_, socket_, db_;
     int port_ = 0, trap_port_ = 0;

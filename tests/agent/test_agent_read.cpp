@@ -1,44 +1,13 @@
 // Reads through a real snmpd: every scalar, walk order, service outages, module reload.
 #include "agent_env.hpp"
 
-#include <arpa/inet.h>
-
-#include <cstring>
-
-#include "callhome_wire.h"
-#include "cmi.h"
-#include "platform/testing.hpp"
 
 namespace agent_test {
 namespace {
 
 const std::string R = kRoot;
 
-class AgentRead : public AgentEnv {
-  protected:
-    void SetUp() override {
-        AgentEnv::SetUp();
-        platform::set_socket_path(socket_);
-    }
-    void TearDown() override {
-        platform::disconnect();
-        AgentEnv::TearDown();
-    }
-
-    // Writes a record straight into the service, as the module's SET path would.
-    template <class Record> void service_set(int opcode, const Record &rec) {
-        uint32_t len = sizeof rec;
-        ASSERT_EQ(cmi_req_resp(opcode, SET_REQ, &rec, nullptr, &len, nullptr, 0, 0, 0, 5), 0)
-            << "opcode " << opcode;
-    }
-    void set_info(const char *name, const char *value) {
-        cmi_callhome_info_t rec{};
-        std::strcpy(rec.info_name, name);
-        std::strcpy(rec.info_value, value);
-        service_set(CALLHOME_INFO_OPC, rec);
-    }
-    std::string get(const std::string &oid) { return snmp("snmpget", oid).out; }
-};
+using AgentRead = AgentEnv;
 
 TEST_F(AgentRead, EveryScalarReadsTheServiceValue) {
     set_info("sysContactPhoneNumber", "+1 555 0100");
