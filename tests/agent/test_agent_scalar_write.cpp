@@ -1,0 +1,163 @@
+// Scalar writes through a real snmpd with snmpset, read back with snmpget and callhomectl.
+#include "agent_env.hpp"
+
+namespace agent_test {
+namespace {
+
+const std::string R = kRoot;
+
+class AgentScalarWrite : public AgentEnv {
+  protected:
+    void SetUp() override {
+        AgentEnv::SetUp();
+        start_agent();
+    }
+    CommandResult set(const std::string &args) const { return snmp("snmpset", args, "private"); }
+    // The SNMP error status named in snmpset's output, or "noError".
+    static std::string reason(const CommandResult &r) {
+        const auto at = r.out.find("Reason: ");
+        if (at == std::string::npos) {
+            return r.status == 0 ? "noError" : r.out;
+        }
+        const auto end = r.out.find_first_of(" \n", at + 8);
+        return r.out.substr(at + 8, end - at - 8);
+    }
+};
+
+TEST_F(AgentScalarWrite, SeveralVariablesInOneRequestAllReachTheService) {
+    const auto r = set(R + ".1.1.5.0 s C-17 " + R + ".1.1.6.0 s K-9 " + R +
+                       ".1.1.7.0 s 'lab 3' " + R + ".1.1.8.0 i 6");
+    ASSERT_EQ(reason(r), "noError") << r.out;
+    const auto vbs =
+        varbinds(snmp("snmpget", R + ".1.1.5.0 " + R + ".1.1.6.0 " + R + ".1.1.7.0 " + R +
+                                     ".1.1.8.0")
+                     .out);
+    ASSERT_EQ(vbs.size(), 4u);
+    EXPECT_EQ(vbs[0].second, "STRING: \"C-17\"");
+    EXPECT_EQ(vbs[1].second, "STRING: \"K-9\"");
+    EXPECT_EQ(vbs[2].second, "STRING: \"lab 3\"");
+    EXPECT_EQ(vbs[3].second, "INTEGER: 6");
+    EXPECT_NE(dump().find("\"5\""), std::string::npos) << "priority travels one lower";
+}
+
+TEST_F(AgentScalarWrite, RefusalsCarryTheirStatusAndChangeNothing) {
+    ASSERT_EQ(reason(set(R + ".1.1.7.0 s site-1")), "noError");
+    const std::string before = dump();
+    struct Case {
+        std::string args, status;
+    };
+    const std::vector<Case> cases = {
+        {".1.1.7.0 s ' lab'", "wrongValue"},            // leading space
+        {".1.1.7.0 s 'lab '", "wrongValue"},            // trailing space
+        {".1.1.7.0 i 3", "wrongType"},
+        {".1.1.7.0 s ''", "wrongLength"},
+        {".1.1.4.0 s " + std::string(256, 'a'), "wrongLength"},
+        {".1.1.2.0 s 1800", "genErr"},                  // phone number without '+'
+        {".1.1.2.0 s +1234567890123456789", "wrongLength"},
+        {".1.1.1.0 i 3", "wrongValue"},
+        {".1.1.8.0 i 9", "wrongValue"},
+        {".1.1.9.0 i 4", "wrongValue"},
+        {".1.1.29.0 s on", "wrongType"},
+        {".1.1.18.0 i 3", "badValue"},
+        {".1.1.20.0 u 0", "wrongValue"},
+        {".1.1.20.0 u 65536", "wrongValue"},
+        {".1.1.20.0 i 25", "wrongType"},
+        {".1.1.28.0 u 31", "wrongValue"},
+        {".1.1.33.1.0 s 24:00", "wrongValue"},
+        {".1.1.33.1.0 s 9:30", "wrongValue"},
+        {".1.1.33.1.0 s 12:ab", "wrongValue"},
+        {".1.1.33.1.0 s 012:00", "wrongLength"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(reason(set(R + c.args)), c.status) << c.args;
+    }
+    EXPECT_EQ(dump(), before);
+}
+
+TEST_F(AgentScalarWrite, PhoneNumberRule) {
+    for (const char *ok : {"+", "'+1 800-555'", "'+1 800-555 '"}) {
+        EXPECT_EQ(reason(set(R + ".1.1.2.0 s " + ok)), "noError") << ok;
+    }
+    EXPECT_NE(get(R + ".1.1.2.0").find("\"+1 800-555 \""), std::string::npos);
+}
+
+TEST_F(AgentScalarWrite, SmtpTypeAndAddressTogetherInEitherOrder) {
+    // IPv4: type first, then the four address bytes.
+    ASSERT_EQ(reason(set(R + ".1.1.18.0 i 1 " + R + ".1.1.19.0 x C0000219")), "noError");
+    EXPECT_NE(dump().find("\"192.0.2.25\""), std::string::npos);
+    EXPECT_NE(get(R + ".1.1.19.0").find("Hex-STRING: C0 00 02 19"), std::string::npos);
+
+    // IPv6: the address first, then the type.
+    ASSERT_EQ(reason(set(R + ".1.1.19.0 x 20010DB8000000000000000000000019 " + R +
+                         ".1.1.18.0 i 2")),
+              "noError");
+    EXPECT_NE(dump().find("\"2001:db8::19\""), std::string::npos);
+    EXPECT_NE(get(R + ".1.1.18.0").find("INTEGER: 2"), std::string::npos);
+
+    // Four bytes do not make an IPv6 address.
+    EXPECT_EQ(reason(set(R + ".1.1.18.0 i 2 " + R + ".1.1.19.0 x C0000219")), "wrongValue");
+
+    // A name needs the DNS type.
+    ASSERT_EQ(reason(set(R + ".1.1.18.0 i 16 " + R + ".1.1.19.0 s mail.example.com")),
+              "noError");
+    EXPECT_NE(get(R + ".1.1.19.0").find("\"mail.example.com\""), std::string::npos);
+    ASSERT_EQ(reason(set(R + ".1.1.20.0 u 587")), "noError");
+    EXPECT_NE(get(R + ".1.1.20.0").find("Gauge32: 587"), std::string::npos);
+}
+
+TEST_F(AgentScalarWrite, EmailHeadersAndServiceSwitches) {
+    ASSERT_EQ(reason(set(R + ".1.1.15.0 s dev@example.com " + R + ".1.1.16.0 s noc@example.com " +
+                         R + ".1.1.17.0 s rr@example.com")),
+              "noError");
+    EXPECT_NE(get(R + ".1.1.16.0").find("\"noc@example.com\""), std::string::npos);
+    // The service refuses what is not an address; the manager sees genErr.
+    EXPECT_EQ(reason(set(R + ".1.1.15.0 s not-an-address")), "genErr");
+    EXPECT_NE(get(R + ".1.1.15.0").find("\"dev@example.com\""), std::string::npos);
+
+    // Switching on needs the contact details first.
+    EXPECT_EQ(reason(set(R + ".1.1.1.0 i 1")), "genErr");
+    ASSERT_EQ(reason(set(R + ".1.1.2.0 s '+1 555 0100' " + R + ".1.1.3.0 s ops@example.com " + R +
+                         ".1.1.4.0 s '1 Main Street'")),
+              "noError");
+    ASSERT_EQ(reason(set(R + ".1.1.1.0 i 1")), "noError");
+    EXPECT_NE(get(R + ".1.1.1.0").find("INTEGER: 1"), std::string::npos);
+
+    ASSERT_EQ(reason(set(R + ".1.1.29.0 i 2")), "noError");
+    EXPECT_NE(get(R + ".1.1.29.0").find("INTEGER: 2"), std::string::npos);
+}
+
+TEST_F(AgentScalarWrite, PeriodicInventoryKeepsTheOtherFields) {
+    ASSERT_EQ(reason(set(R + ".1.1.33.1.0 s 09:5")), "noError");
+    EXPECT_NE(get(R + ".1.1.33.1.0").find("\"09:05\""), std::string::npos);
+    ASSERT_EQ(reason(set(R + ".1.1.28.0 u 30")), "noError");
+    ASSERT_EQ(reason(set(R + ".1.1.27.0 i 2")), "noError");
+    const auto vbs = varbinds(
+        snmp("snmpget", R + ".1.1.27.0 " + R + ".1.1.28.0 " + R + ".1.1.33.1.0").out);
+    ASSERT_EQ(vbs.size(), 3u);
+    EXPECT_EQ(vbs[0].second, "INTEGER: 2");
+    EXPECT_EQ(vbs[1].second, "Gauge32: 30");
+    EXPECT_EQ(vbs[2].second, "STRING: \"09:05\"");
+}
+
+TEST_F(AgentScalarWrite, TestMessageLandsInTheOutboxAndTheStatusObjects) {
+    ASSERT_EQ(reason(set(R + ".1.1.2.0 s '+1 555 0100' " + R + ".1.1.3.0 s ops@example.com " + R +
+                         ".1.1.4.0 s '1 Main Street' " + R + ".1.1.1.0 i 1")),
+              "noError");
+    add_profile("ops");
+    add_address("ops", 1, "oncall@example.com");
+    add_group("ops", "Test");
+
+    ASSERT_EQ(reason(set(R + ".1.1.9.0 i 2")), "noError");
+    EXPECT_NE(get(R + ".1.1.9.0").find("INTEGER: 1"), std::string::npos) << "a trigger reads 1";
+    const auto outbox = ctl({"outbox"}).out;
+    EXPECT_NE(outbox.find("oncall@example.com"), std::string::npos) << outbox;
+    EXPECT_NE(get(R + ".1.2.2.0").find("Counter32: 1"), std::string::npos);
+    EXPECT_NE(get(R + ".1.1.10.0").find("INTEGER: 1"), std::string::npos);
+
+    // Writing 1 asks for no action at all.
+    ASSERT_EQ(reason(set(R + ".1.1.9.0 i 1")), "noError");
+    EXPECT_NE(get(R + ".1.2.2.0").find("Counter32: 1"), std::string::npos);
+}
+
+} // namespace
+} // namespace agent_test
