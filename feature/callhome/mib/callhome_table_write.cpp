@@ -1,17 +1,1291 @@
+/*
+ * Table writes: the RowStatus row-write machine of the destination profile, destination
+ * e-mail address and user-defined command tables, the column write handlers of those tables,
+ * and the writes of a profile's alert groups.
+ *
+ * One row travels through a SET request like this. RESERVE1 of the RowStatus column puts a
+ * row being created (createAndGo) into the table's row list, or a copy of an existing row
+ * into the table's undo list; RESERVE2 of the other columns fills in the listed row; ACTION
+ * of the RowStatus column sends the whole row; COMMIT, FREE or UNDO of the same variable empty
+ * both lists again. The lists hold heap records; whoever takes one out frees it.
+ */
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "callhome_mib.h"
 
-// Placeholder definitions; replaced by the real implementation.
+#include <net-snmp/library/snmp-tc.h>
+
+#include "bitset.h"
+#include "snmp_ctx.h"
+#include "syserr.h"
+#include "sysmgr.h"
+
+namespace {
+
+/* Arcs up to and including the column number: the nine-arc root, then 1.1.12.1.c, 1.1.14.1.c
+ * or 1.1.30.6.1.c. */
+constexpr size_t kProfilePrefixLen = 14;
+constexpr size_t kEmailPrefixLen = 14;
+constexpr size_t kUserCmdPrefixLen = 15;
+
+/* The agent hands INTEGER and Gauge32 values over as a C long (val_len is sizeof(long)). */
+constexpr size_t kIntegerMaxLen = sizeof(long);
+
+constexpr int kWriteWait = 10;
+constexpr int kSetErrorCode = 472;
+
+constexpr uint32_t kMaxMessageSizeLimit = 1000000;
+constexpr uint32_t kDefaultFullMessageSize = 500000; /* formats 1 and 2 */
+constexpr uint32_t kDefaultShortMessageSize = 4000;  /* format 3 */
+
+/* The value of an INTEGER or Gauge32 varbind, read without looking past var_val_len. */
+long integer_value(const u_char *var_val, size_t var_val_len) {
+    if (var_val == nullptr) {
+        return 0;
+    }
+    if (var_val_len == sizeof(int32_t)) {
+        int32_t v;
+        std::memcpy(&v, var_val, sizeof v);
+        return v;
+    }
+    long v = 0;
+    std::memcpy(&v, var_val, std::min(var_val_len, sizeof v));
+    return v;
+}
+
+/* A private copy of a variable's OID: the header functions rewrite the OID they are given,
+ * and the agent's copy must stay as it is. */
+struct OidCopy {
+    oid arcs[MAX_OID_LEN];
+    size_t len;
+};
+
+OidCopy copy_oid(const oid *name, size_t name_len) {
+    OidCopy copy{};
+    copy.len = std::min<size_t>(name_len, MAX_OID_LEN);
+    if (name != nullptr) {
+        std::memcpy(copy.arcs, name, copy.len * sizeof(oid));
+    } else {
+        copy.len = 0;
+    }
+    return copy;
+}
+
+/* Copies NUL-terminated text into a fixed field, cut to fit. */
+template <size_t N, size_t M> void copy_text(char (&dst)[N], const char (&src)[M]) {
+    size_t n = strnlen(src, std::min(N - 1, M));
+    std::memcpy(dst, src, n);
+    std::memset(dst + n, 0, N - n);
+}
+
+/* Copies the raw bytes of an OCTET STRING value into a fixed text field and terminates them. */
+template <size_t N> void copy_value(char (&dst)[N], const u_char *var_val, size_t var_val_len) {
+    size_t n = var_val == nullptr ? 0 : std::min(var_val_len, N - 1);
+    if (n > 0) {
+        std::memcpy(dst, var_val, n);
+    }
+    dst[n] = '\0';
+}
+
+/* A trace whose only argument is the handler's name; a null text means "no trace here". */
+void note(const char *text, const char *fn, int level = CALLHOME_TRACE_INFO) {
+    if (text != nullptr) {
+        callhome_trace(level, text, fn);
+    }
+}
+
+bool has_edge_space(const char *text, size_t len) {
+    return len > 0 && (text[0] == ' ' || text[len - 1] == ' ');
+}
+
+bool is_builtin_profile(const char *name) {
+    return std::strcmp(name, "xml") == 0 || std::strcmp(name, "full_txt") == 0 ||
+           std::strcmp(name, "short_txt") == 0;
+}
+
+/* One SET or DELETE to the service, bracketed for the process monitor. */
+int send_write(int opcode, int msg_type, void *record, uint32_t length) {
+    sysmgr_heartbeat(1);
+    int status =
+        cmi_req_resp(opcode, msg_type, record, nullptr, &length, get_snmp_username(0),
+                     get_snmp_sessionid(0), CALLHOME_CLIENT_TABLE, mts_response_q, kWriteWait);
+    sysmgr_heartbeat(0);
+    return status;
+}
+
+const char *msg_type_text(int msg_type) {
+    return msg_type == SET_REQ ? "SET" : "DELETE";
+}
+
+/* ---- Index containers ---------------------------------------------------------------- */
+
+template <class Row> Row *find_row(indxobj_t *list, const Row &key) {
+    return list == nullptr ? nullptr : static_cast<Row *>(indxobj_find(list, &key));
+}
+
+template <class Row> Row *take_row(indxobj_t *list, const Row &key) {
+    return list == nullptr ? nullptr : static_cast<Row *>(indxobj_remove(list, &key));
+}
+
+template <class Row> void drop_row(indxobj_t *list, const Row &key) {
+    free(take_row(list, key));
+}
+
+/* The row is keyed by itself; on success the container owns it. */
+template <class Row> bool add_row(indxobj_t *list, Row *row) {
+    return list != nullptr && indxobj_add(list, row, row) == 0;
+}
+
+/* ---- Destination profile table ------------------------------------------------------- */
+
+using ProfileRow = callHomeDestProfileEntry_t;
+
+int parse_profile(const oid *name, size_t name_len, ProfileRow *row) {
+    OidCopy o = copy_oid(name, name_len);
+    return get_callHomeDestProfileEntry_instance(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row);
+}
+
+int read_profile(const oid *name, size_t name_len, ProfileRow *row) {
+    OidCopy o = copy_oid(name, name_len);
+    int status =
+        header_callHomeDestProfileEntry(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row, 1);
+    row->destination_profile_id[sizeof row->destination_profile_id - 1] = '\0';
+    return status;
+}
+
+/* Number of name characters the OID's index announces, as far as the key field holds them. */
+size_t profile_index_len(const oid *name, size_t name_len, size_t field_len) {
+    if (name_len <= kProfilePrefixLen) {
+        return 0;
+    }
+    return std::min<size_t>(name[kProfilePrefixLen], field_len);
+}
+
+struct ProfileTable {
+    using Row = ProfileRow;
+    static indxobj_t *list() { return callHomeDestProfileEntry_list; }
+    static indxobj_t *undo_list() { return callHomeDestProfileEntry_undo_list; }
+    static const Row &current() { return callHomeDestProfileEntry; }
+    static int parse(const oid *name, size_t name_len, Row *row) {
+        return parse_profile(name, name_len, row);
+    }
+    static int read_for_set(const oid *name, size_t name_len, Row *row) {
+        return read_profile(name, name_len, row);
+    }
+    static void terminate(Row &row) {
+        row.destination_profile_id[sizeof row.destination_profile_id - 1] = '\0';
+    }
+
+    static const char *phase_text(int action) {
+        return action == FREE ? "%s : In FREE:\n" : nullptr;
+    }
+    static constexpr int kCheckLevel = CALLHOME_TRACE_INFO;
+    static constexpr const char *kWrongType =
+        "%s : RESERVE1 - callHomeDestProfileStatus not ASN_INTEGER \n";
+    static constexpr const char *kWrongLength =
+        "%s : RESERVE1 - callHomeDestProfileStatus: bad length \n";
+    static constexpr const char *kBadValue = "%s : RESERVE1 - inconsistent value \n";
+    static constexpr const char *kRowExists = "%s : RESERVE1 -- inconsistent value \n";
+    static constexpr int kRowExistsLevel = CALLHOME_TRACE_INFO;
+    static constexpr const char *kUndoMallocFailed = nullptr;
+    static constexpr const char *kMallocFailed = "%s : Malloc for entry failed\n";
+    static constexpr const char *kReserve1Done = "%s : RESERVE1 -- done \n";
+    static constexpr const char *kReserve2Done = "%s : RESERVE2 -- done \n";
+    static constexpr const char *kActionUnknown =
+        "%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n";
+    static constexpr const char *kActionNewRow = "%s : ACTION -- setting default value \n";
+    static constexpr const char *kBeforeUndoRemove = nullptr;
+    static constexpr const char *kBeforeListRemove = nullptr;
+
+    static void trace_undo_added(const char *fn, const Row &) {
+        note("%s : RESERVE1 -- index object undo list added \n", fn);
+    }
+    static void trace_undo_add_failed(const char *fn, const Row &) {
+        note("%s : RESERVE1 -- index object undo list add failed \n", fn);
+    }
+
+    /* Defaults, index and the name rules of a row about to be created. */
+    static int prepare_new_row(const char *fn, Row *row, const oid *name, size_t name_len) {
+        callHomeDestProfileEntry_defaults(row);
+        if (parse(name, name_len, row) != 0) {
+            note("%s : RESERVE1 - dest profile_id not set properly \n", fn);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        callHomeDestProfileEntry_defaults(row);
+        size_t len = profile_index_len(name, name_len, sizeof row->destination_profile_id - 1);
+        if (has_edge_space(row->destination_profile_id, len)) {
+            note("%s : leading/trailing space is not allowed in SnmpAdminString type\n", fn);
+            callhome_report_error(CALLHOME_ERR_BAD_PROFILE_NAME);
+            return SNMP_ERR_GENERR;
+        }
+        if (is_builtin_profile(row->destination_profile_id)) {
+            note("%s : RESERVE1 -- Can't create entry for xml/full-txt/short-txt \n", fn);
+            callhome_report_error(CALLHOME_ERR_BAD_PROFILE_NAME);
+            return SNMP_ERR_GENERR;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+    static void trace_added(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Added entry (profile = %s ) to callHomeDestProfileEntry_list\n", fn,
+                       row.destination_profile_id);
+    }
+    static void trace_add_failed(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_ERROR,
+                       "%s : Adding to entry (profile = %s )to callHomeDestProfileEntry_list "
+                       "failed\n",
+                       fn, row.destination_profile_id);
+    }
+
+    /* The built-in profiles can't be destroyed. */
+    static int check_destroy(const char *fn, const oid *name, size_t name_len) {
+        Row key{};
+        if (parse(name, name_len, &key) != 0) {
+            note("%s : RESERVE1 -- destination profile_id not set \n", fn);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        if (is_builtin_profile(key.destination_profile_id)) {
+            note("%s : RESERVE1 -- Can't delete entry for xml/full-txt/short-txt \n", fn);
+            callhome_report_error(CALLHOME_ERR_BUILTIN_PROFILE);
+            return SNMP_ERR_GENERR;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+
+    static int read_failed(const char *fn, int status) {
+        note("%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
+        callhome_report_error(status);
+        return to_snmp_error_code(status);
+    }
+    static void trace_retrieved(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Retrieve  entry (profile = %s ),from callHomeDestProfileEntry_list\n",
+                       fn, row.destination_profile_id);
+    }
+    /* A row created without a size gets the default size of its format. */
+    static int complete_new_row(const char *fn, Row &row, bool) {
+        if (row.maximum_message_size == 0) {
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : max msg size not set for entry (profile = %s) set the default "
+                           "value \n",
+                           fn, row.destination_profile_id);
+            if (row.format_method == 1 || row.format_method == 2) {
+                row.maximum_message_size = kDefaultFullMessageSize;
+            } else if (row.format_method == 3) {
+                row.maximum_message_size = kDefaultShortMessageSize;
+            }
+        }
+        return SNMP_ERR_NOERROR;
+    }
+
+    static int send_action(const char *fn, int msg_type, Row row) {
+        note("%s : ACTION -- sending SET REQ \n", fn);
+        row.request_flag = 0;
+        callHomeDestProfileEntry_hton(&row);
+        int status = send_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row);
+        if (status == 0) {
+            return SNMP_ERR_NOERROR;
+        }
+        note("%s : ACTION -- SET REQ failed \n", fn);
+        log_set_error(status, kSetErrorCode);
+        return to_snmp_error_code(status);
+    }
+    /* The service's answer is of no use here: UNDO can't fail. */
+    static void send_undo(const char *fn, int msg_type, Row row, const Row &) {
+        note("%s : UNDO -- sending SET REQ \n", fn);
+        row.request_flag = 0;
+        bool named = row.destination_profile_id[0] != '\0';
+        callHomeDestProfileEntry_hton(&row);
+        if (named) {
+            send_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row);
+        }
+    }
+};
+
+/* ---- Destination e-mail address table ------------------------------------------------ */
+
+using EmailRow = callHomeDestEmailAddressEntry_t;
+
+/* The e-mail index may announce a name longer than its field; the key then runs on into the
+ * address field, so the whole text area is the bound. */
+constexpr size_t kEmailKeyArea =
+    sizeof(EmailRow::destination_profile_id) + sizeof(EmailRow::email_addr);
+
+struct EmailTable {
+    using Row = EmailRow;
+    static indxobj_t *list() { return callHomeDestEmailAddressEntry_list; }
+    static indxobj_t *undo_list() { return callHomeDestEmailAddressEntry_undo_list; }
+    static const Row &current() { return callHomeDestEmailAddressEntry; }
+    static int parse(const oid *name, size_t name_len, Row *row) {
+        OidCopy o = copy_oid(name, name_len);
+        return get_callHomeDestEmailAddressEntry_instance(o.arcs, kEmailPrefixLen, o.arcs, &o.len,
+                                                          1, row);
+    }
+    static int read_for_set(const oid *name, size_t name_len, Row *row) {
+        OidCopy o = copy_oid(name, name_len);
+        int status = header_callHomeDestEmailAddressEntry(o.arcs, kEmailPrefixLen, o.arcs, &o.len,
+                                                          1, row, 1);
+        terminate(*row);
+        return status;
+    }
+    static void terminate(Row &row) { row.email_addr[sizeof row.email_addr - 1] = '\0'; }
+
+    static const char *phase_text(int action) {
+        static const char *const texts[] = {"%s : In RESERVE1:\n", "%s : In RESERVE2:\n",
+                                            "%s : In ACTION\n",    "%s : In COMMIT\n",
+                                            "%s : In FREE:\n",     "%s : In UNDO\n"};
+        return texts[action];
+    }
+    static constexpr int kCheckLevel = CALLHOME_TRACE_ERROR;
+    static constexpr const char *kWrongType =
+        "%s : callHomeDestEmailAddressStatus not ASN_INTEGER\n";
+    static constexpr const char *kWrongLength =
+        "%s : callHomeDestEmailAddressStatus - bad length \n";
+    static constexpr const char *kBadValue = nullptr;
+    static constexpr const char *kRowExists = "%s : Create failed : entry exists\n";
+    static constexpr int kRowExistsLevel = CALLHOME_TRACE_ERROR;
+    static constexpr const char *kUndoMallocFailed = "%s : Malloc for entry failed\n";
+    static constexpr const char *kMallocFailed = "%s : Malloc for entry failed\n";
+    /* No "done" lines and no destroy check in this table. */
+    static constexpr const char *kReserve1Done = nullptr;
+    static constexpr const char *kReserve2Done = nullptr;
+    static constexpr const char *kActionUnknown = nullptr;
+    static constexpr const char *kActionNewRow = nullptr;
+    static constexpr const char *kBeforeUndoRemove = nullptr;
+    static constexpr const char *kBeforeListRemove = nullptr;
+
+    static void trace_undo_added(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Added entry (profile = %s,  index= %d) to "
+                       "callHomeDestEmailAddressEntry_undo_list\n",
+                       fn, row.destination_profile_id, row.index);
+    }
+    static void trace_undo_add_failed(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_ERROR,
+                       "%s : Adding to entry (profile = %s,  index= %d)to "
+                       "callHomeDestEmailAddressEntry_undo_list failed\n",
+                       fn, row.destination_profile_id, row.index);
+    }
+
+    static int prepare_new_row(const char *fn, Row *row, const oid *name, size_t name_len) {
+        callHomeDestEmailAddressEntry_defaults(row);
+        if (parse(name, name_len, row) != 0) {
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        size_t len = profile_index_len(name, name_len, kEmailKeyArea - 1);
+        if (has_edge_space(row->destination_profile_id, len)) {
+            note("%s : leading/trailing space is not allowed in SnmpAdminString type\n", fn);
+            callhome_report_error(CALLHOME_ERR_BAD_PROFILE_NAME);
+            return SNMP_ERR_GENERR;
+        }
+        row->commit_flag = 0;
+        row->email_addr[0] = '\0';
+        return SNMP_ERR_NOERROR;
+    }
+    static void trace_added(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Added entry (profile = %s,  index= %d) to "
+                       "callHomeDestEmailAddressEntry_list\n",
+                       fn, row.destination_profile_id, row.index);
+    }
+    static void trace_add_failed(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_ERROR,
+                       "%s : Adding to entry (profile = %s,  index= %d)to "
+                       "callHomeDestEmailAddressEntry_list failed\n",
+                       fn, row.destination_profile_id, row.index);
+    }
+    /* Anything but createAndGo is settled in RESERVE1 by the undo copy alone. */
+    static int check_destroy(const char *, const oid *, size_t) { return SNMP_ERR_NOERROR; }
+
+    static int read_failed(const char *, int status) {
+        log_set_error(status, kSetErrorCode);
+        return to_snmp_error_code(status);
+    }
+    static void trace_retrieved(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Retrieve  entry (profile = %s,\tindex= %d) from "
+                       "callHomeDestEmailAddressEntry_list\n",
+                       fn, row.destination_profile_id, row.index);
+    }
+    /* An address row means nothing without its address. */
+    static int complete_new_row(const char *fn, Row &row, bool) {
+        if (row.email_addr[0] == '\0') {
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : Email Address not set for entry (profile = %s,index= %d) "
+                           "Returning SNMP_ERR_INCONSISTENTVALUE\n",
+                           fn, row.destination_profile_id, row.index);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+
+    static int send_action(const char *fn, int msg_type, Row row) {
+        const char *what = msg_type_text(msg_type);
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Sending  req %s with : destination_profile_id = %s, index = %d "
+                       "email_addr = %s, row_status = %d commit_flag = %d \n",
+                       fn, what, row.destination_profile_id, row.index, row.email_addr,
+                       row.row_status, row.commit_flag);
+        int index = row.index;
+        row.commit_flag = 0;
+        callHomeDestEmailAddressEntry_hton(&row);
+        int status = send_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row);
+        if (status == 0) {
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s :  req %s with : destination_profile_id = %s, index = %d "
+                           "SUCCEEDED \n",
+                           fn, what, row.destination_profile_id, index);
+            return SNMP_ERR_NOERROR;
+        }
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s :  req %s with : destination_profile_id = %s, index = %d failed : %s \n",
+                       fn, what, row.destination_profile_id, index, callhome_status_text(status));
+        log_set_error(status, kSetErrorCode);
+        return to_snmp_error_code(status);
+    }
+    static void send_undo(const char *fn, int msg_type, Row row, const Row &) {
+        const char *what = msg_type_text(msg_type);
+        int index = row.index;
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Sending  req %s for UNDO : destination_profile_id = %s, index = %d "
+                       "email_addr = %s, row_status = %d\n",
+                       fn, what, row.destination_profile_id, index, row.email_addr, row.row_status);
+        if (row.destination_profile_id[0] == '\0') {
+            return;
+        }
+        row.commit_flag = 0;
+        callHomeDestEmailAddressEntry_hton(&row);
+        int status = send_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row);
+        if (status != 0) {
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s :  req %s for UNDO : destination_profile_id = %s, index = %d "
+                           "failed : %s \n",
+                           fn, what, row.destination_profile_id, index,
+                           callhome_status_text(status));
+        }
+    }
+};
+
+/* ---- User-defined command table ------------------------------------------------------ */
+
+using UserCmdRow = callHomeUserDefCliCmdEntry_t;
+
+struct UserCmdTable {
+    using Row = UserCmdRow;
+    static indxobj_t *list() { return callHomeUserDefCliCmd_list; }
+    static indxobj_t *undo_list() { return callHomeUserDefCliCmd_undo_list; }
+    static const Row &current() { return callHomeUserDefCliCmdEntry; }
+    static int parse(const oid *name, size_t name_len, Row *row) {
+        OidCopy o = copy_oid(name, name_len);
+        return get_callHomeUserDefCliCmd_instance(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1,
+                                                  row);
+    }
+    static int read_for_set(const oid *name, size_t name_len, Row *row) {
+        OidCopy o = copy_oid(name, name_len);
+        int status =
+            header_callHomeUserDefCliCmdEntry(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1, row, 1);
+        terminate(*row);
+        return status;
+    }
+    static void terminate(Row &row) {
+        row.alertgroup_name[sizeof row.alertgroup_name - 1] = '\0';
+        row.cli_cmd[sizeof row.cli_cmd - 1] = '\0';
+    }
+
+    static const char *phase_text(int action) {
+        switch (action) {
+        case COMMIT:
+            return "%s : From Commit \n";
+        case FREE:
+            return "%s : In FREE:\n";
+        case UNDO:
+            return "%s : from UNDO -- \n";
+        default:
+            return nullptr;
+        }
+    }
+    static constexpr int kCheckLevel = CALLHOME_TRACE_INFO;
+    static constexpr const char *kWrongType =
+        "%s : RESERVE1 - callHomeUsrDefCmdStatus not ASN_INTEGER\n";
+    static constexpr const char *kWrongLength =
+        "%s : RESERVE1 - callHomeUsrDefCmdStatus: bad length\n";
+    static constexpr const char *kBadValue = "%s : RESERVE1 - inconsistent value \n";
+    static constexpr const char *kRowExists = "%s : RESERVE1 -- inconsistent value \n";
+    static constexpr int kRowExistsLevel = CALLHOME_TRACE_INFO;
+    static constexpr const char *kUndoMallocFailed = nullptr;
+    static constexpr const char *kMallocFailed = "%s : Malloc for entry failed\n";
+    static constexpr const char *kReserve1Done = "%s : RESERVE1 -- done \n";
+    static constexpr const char *kReserve2Done = "%s : RESERVE2 -- done \n";
+    static constexpr const char *kActionUnknown =
+        "%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n";
+    static constexpr const char *kActionNewRow = nullptr;
+    static constexpr const char *kBeforeUndoRemove = "%s : before indx_obj undo_list remove \n";
+    static constexpr const char *kBeforeListRemove = "%s : before indx_obj list remove \n";
+
+    static void trace_undo_added(const char *fn, const Row &) {
+        note("%s : RESERVE1 -- index object undo list added\n", fn);
+    }
+    static void trace_undo_add_failed(const char *fn, const Row &) {
+        note("%s : RESERVE1 -- index object undo list add failed\n", fn);
+    }
+
+    /* No defaults, no name rules and no reserved rows here: only the index. */
+    static int prepare_new_row(const char *fn, Row *row, const oid *name, size_t name_len) {
+        if (parse(name, name_len, row) != 0) {
+            note("%s : RESERVE1 - indices not set properly\n", fn);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+    static void trace_added(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Added entry (index = %d, %d ) to callHomeUserDefCliCmd_list\n", fn,
+                       row.alertgroup_type, row.index);
+    }
+    static void trace_add_failed(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_ERROR,
+                       "%s : Adding to entry (index = %d, %d )to callHomeUsrDefCliCmd_list "
+                       "failed\n",
+                       fn, row.alertgroup_type, row.index);
+    }
+    static int check_destroy(const char *fn, const oid *name, size_t name_len) {
+        Row key{};
+        if (parse(name, name_len, &key) != 0) {
+            note("%s : RESERVE1 -- indices not set properly\n", fn);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+
+    static int read_failed(const char *fn, int status) {
+        note("%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
+        callhome_report_error(status);
+        return to_snmp_error_code(status);
+    }
+    static void trace_retrieved(const char *fn, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Retrieve  entry (id = %d,%d ),from callHomeUsrDefCmd_list\n", fn,
+                       row.alertgroup_type, row.index);
+    }
+    /* A command row is created only together with its command. */
+    static int complete_new_row(const char *fn, Row &, bool listed) {
+        if (!listed) {
+            note("%s : user_def_cmd NOT set \n", fn);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+
+    /* The service indexes commands by the type's name, so every request is rebuilt in its
+     * own layout; the command's number always comes from the OID. */
+    static int send_request(int msg_type, const Row &row, int32_t index) {
+        cmi_userdef_cli_cmd_t request;
+        std::memset(&request, 0, sizeof request);
+        request.index = index;
+        copy_text(request.alertgroup_type, row.alertgroup_name);
+        request.row_status = row.row_status;
+        copy_text(request.cli_cmd, row.cli_cmd);
+        request.request_flag = 0;
+        cmi_userdef_cli_cmd_hton(&request);
+        return send_write(CALLHOME_USER_DEF_CMD_OPC, msg_type, &request, sizeof request);
+    }
+    static int send_action(const char *fn, int msg_type, Row row) {
+        note("%s : ACTION - sending SET/delete REQ \n", fn);
+        int status = send_request(msg_type, row, row.index);
+        if (status == 0) {
+            note("%s : ACTION -- SET/DELETE REQ succeded\n", fn);
+            return SNMP_ERR_NOERROR;
+        }
+        note("%s : ACTION -- SET/Delete REQ failed \n", fn);
+        log_set_error(status, kSetErrorCode);
+        return to_snmp_error_code(status);
+    }
+    static void send_undo(const char *fn, int msg_type, Row row, const Row &key) {
+        if (msg_type == SET_REQ) {
+            note("%s : UNDO -- sending SET REQ \n", fn);
+        }
+        send_request(msg_type, row, key.index);
+    }
+};
+
+/* ---- The RowStatus row-write machine -------------------------------------------------- */
+
+/* Keeps a copy of the row as the read handler found it, for UNDO. */
+template <class T> int keep_undo_copy(const char *fn) {
+    using Row = typename T::Row;
+    auto *copy = static_cast<Row *>(malloc(sizeof(Row)));
+    if (copy == nullptr) {
+        note(T::kUndoMallocFailed, fn, CALLHOME_TRACE_ERROR);
+        callhome_report_error(CALLHOME_ERR_NO_MEMORY);
+        return SNMP_ERR_GENERR;
+    }
+    std::memcpy(copy, &T::current(), sizeof(Row));
+    T::terminate(*copy);
+    if (!add_row(T::undo_list(), copy)) {
+        T::trace_undo_add_failed(fn, *copy);
+        free(copy);
+        callhome_report_error(CALLHOME_ERR_INDEX_ADD);
+        return SNMP_ERR_GENERR;
+    }
+    T::trace_undo_added(fn, *copy);
+    return SNMP_ERR_NOERROR;
+}
+
+/* Puts the row that a createAndGo brings into being into the row list. */
+template <class T> int list_new_row(const char *fn, const oid *name, size_t name_len) {
+    using Row = typename T::Row;
+    auto *row = static_cast<Row *>(calloc(1, sizeof(Row)));
+    if (row == nullptr) {
+        note(T::kMallocFailed, fn, CALLHOME_TRACE_ERROR);
+        callhome_report_error(CALLHOME_ERR_NO_MEMORY);
+        return SNMP_ERR_GENERR;
+    }
+    int rc = T::prepare_new_row(fn, row, name, name_len);
+    if (rc != SNMP_ERR_NOERROR) {
+        free(row);
+        return rc;
+    }
+    if (!add_row(T::list(), row)) {
+        T::trace_add_failed(fn, *row);
+        free(row);
+        callhome_report_error(CALLHOME_ERR_INDEX_ADD);
+        return SNMP_ERR_GENERR;
+    }
+    T::trace_added(fn, *row);
+    return SNMP_ERR_NOERROR;
+}
+
+template <class T>
+int row_status_reserve1(const char *fn, const u_char *var_val, u_char var_val_type,
+                        size_t var_val_len, const u_char *statP, const oid *name, size_t name_len) {
+    if (var_val_type != ASN_INTEGER) {
+        note(T::kWrongType, fn, T::kCheckLevel);
+        return SNMP_ERR_WRONGTYPE;
+    }
+    if (var_val_len > kIntegerMaxLen) {
+        note(T::kWrongLength, fn, T::kCheckLevel);
+        return SNMP_ERR_WRONGLENGTH;
+    }
+    /* Rows are only ever created whole: createAndWait and the states it leads to are
+     * refused. */
+    long value = integer_value(var_val, var_val_len);
+    if (value != RS_ACTIVE && value != RS_CREATEANDGO && value != RS_DESTROY) {
+        note(T::kBadValue, fn);
+        return SNMP_ERR_INCONSISTENTVALUE;
+    }
+    bool exists = statP != nullptr;
+    if (value == RS_CREATEANDGO && exists) {
+        note(T::kRowExists, fn, T::kRowExistsLevel);
+        return SNMP_ERR_INCONSISTENTVALUE;
+    }
+    if (exists) {
+        int rc = keep_undo_copy<T>(fn);
+        if (rc != SNMP_ERR_NOERROR) {
+            return rc;
+        }
+    }
+    if (value == RS_CREATEANDGO) {
+        int rc = list_new_row<T>(fn, name, name_len);
+        if (rc != SNMP_ERR_NOERROR) {
+            return rc;
+        }
+    } else if (value == RS_DESTROY) {
+        int rc = T::check_destroy(fn, name, name_len);
+        if (rc != SNMP_ERR_NOERROR) {
+            return rc;
+        }
+    }
+    note(T::kReserve1Done, fn);
+    return SNMP_ERR_NOERROR;
+}
+
+/* Reads the row from the service and sends what the requested state makes of it. */
+template <class T>
+int row_status_action(const char *fn, long value, const oid *name, size_t name_len) {
+    using Row = typename T::Row;
+    Row row;
+    std::memset(&row, 0, sizeof row);
+    int status = T::read_for_set(name, name_len, &row);
+    int msg_type;
+    if (status == CALLHOME_UNKNOWN_ENTRY) {
+        note(T::kActionUnknown, fn);
+        if (value == RS_ACTIVE || value == RS_NOTINSERVICE) {
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        if (value == RS_DESTROY) {
+            return SNMP_ERR_NOERROR; /* nothing to destroy */
+        }
+        note(T::kActionNewRow, fn);
+        const Row *listed = find_row(T::list(), row);
+        if (listed != nullptr) {
+            T::trace_retrieved(fn, *listed);
+            std::memcpy(&row, listed, sizeof row);
+        }
+        int rc = T::complete_new_row(fn, row, listed != nullptr);
+        if (rc != SNMP_ERR_NOERROR) {
+            return rc;
+        }
+        if (value == RS_CREATEANDGO) {
+            row.row_status = RS_ACTIVE;
+        }
+        msg_type = SET_REQ;
+    } else if (status != 0) {
+        return T::read_failed(fn, status);
+    } else {
+        if (value == RS_CREATEANDGO || value == RS_CREATEANDWAIT) {
+            return SNMP_ERR_INCONSISTENTVALUE; /* the row came into being meanwhile */
+        }
+        msg_type = value == RS_DESTROY ? DELETE_REQ : SET_REQ;
+    }
+    return T::send_action(fn, msg_type, row);
+}
+
+/* COMMIT and FREE: the request is over, drop what RESERVE1 listed. */
+template <class T>
+void row_status_release(int action, const char *fn, long value, const oid *name, size_t name_len) {
+    using Row = typename T::Row;
+    Row key;
+    std::memset(&key, 0, sizeof key);
+    T::parse(name, name_len, &key);
+    if (action == COMMIT) {
+        note(T::kBeforeUndoRemove, fn);
+    }
+    drop_row(T::undo_list(), key);
+    if (value == RS_CREATEANDGO) {
+        if (action == COMMIT) {
+            note(T::kBeforeListRemove, fn);
+        }
+        drop_row(T::list(), key);
+    }
+}
+
+/* Puts the service back as it was before ACTION: a created row is deleted again, a changed
+ * or destroyed row is sent back as it was copied in RESERVE1. */
+template <class T>
+void row_status_undo(const char *fn, long value, const oid *name, size_t name_len) {
+    using Row = typename T::Row;
+    Row key;
+    std::memset(&key, 0, sizeof key);
+    T::parse(name, name_len, &key);
+    if (value == RS_CREATEANDGO) {
+        if (find_row(T::undo_list(), key) != nullptr) {
+            drop_row(T::undo_list(), key);
+            drop_row(T::list(), key);
+            return;
+        }
+        T::send_undo(fn, DELETE_REQ, key, key);
+        drop_row(T::list(), key);
+        return;
+    }
+    Row *copy = take_row(T::undo_list(), key);
+    if (copy == nullptr) {
+        return;
+    }
+    T::send_undo(fn, SET_REQ, *copy, key);
+    free(copy);
+}
+
+template <class T>
+int row_status_write(const char *fn, int action, u_char *var_val, u_char var_val_type,
+                     size_t var_val_len, u_char *statP, const oid *name, size_t name_len) {
+    if (action < RESERVE1 || action > UNDO) {
+        return SNMP_ERR_NOERROR;
+    }
+    note(T::phase_text(action), fn);
+    long value = integer_value(var_val, var_val_len);
+    switch (action) {
+    case RESERVE1:
+        return row_status_reserve1<T>(fn, var_val, var_val_type, var_val_len, statP, name,
+                                      name_len);
+    case RESERVE2:
+        /* Marks the current value as being written; a row being created has none. */
+        if (statP != nullptr) {
+            *statP = 1;
+        }
+        note(T::kReserve2Done, fn);
+        return SNMP_ERR_NOERROR;
+    case ACTION:
+        return row_status_action<T>(fn, value, name, name_len);
+    case COMMIT:
+    case FREE:
+        row_status_release<T>(action, fn, value, name, name_len);
+        return SNMP_ERR_NOERROR;
+    default:
+        row_status_undo<T>(fn, value, name, name_len);
+        return SNMP_ERR_NOERROR;
+    }
+}
+
+/* ---- Destination profile columns ----------------------------------------------------- */
+
+/* What sets one writable column of the profile table apart from the others. */
+struct ProfileColumn {
+    u_char asn_type;
+    long min;
+    long max;
+    bool protect_builtin; /* the built-in profiles keep this column */
+    bool create_only;     /* writable only while the row is being created */
+    void (*store)(ProfileRow &row, long value);
+    void (*trace_send)(const char *fn, const ProfileRow &row); /* null: ACTION sends nothing */
+    const char *wrong_type;
+    const char *bad_length;
+    const char *wrong_value;
+    const char *reserve1_done;
+    const char *reserve2_not_set;
+    const char *reserve2_setting;
+    const char *reserve2_done;
+    const char *action_found;
+};
+
+int profile_column_reserve1(const ProfileColumn &c, const char *fn, const u_char *var_val,
+                            u_char var_val_type, size_t var_val_len, const oid *name,
+                            size_t name_len) {
+    if (var_val_type != c.asn_type) {
+        note(c.wrong_type, fn);
+        return SNMP_ERR_WRONGTYPE;
+    }
+    if (var_val_len > kIntegerMaxLen) {
+        note(c.bad_length, fn);
+        return SNMP_ERR_WRONGLENGTH;
+    }
+    long value = integer_value(var_val, var_val_len);
+    if (c.asn_type == ASN_UNSIGNED) {
+        value = static_cast<long>(static_cast<u_long>(value) & 0xFFFFFFFFUL);
+    }
+    if (value < c.min || value > c.max) {
+        note(c.wrong_value, fn);
+        return SNMP_ERR_WRONGVALUE;
+    }
+    if (c.protect_builtin) {
+        ProfileRow key{};
+        if (parse_profile(name, name_len, &key) != 0) {
+            note("%s : RESERVE1 -- destination profile_id not set correctly \n", fn);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        if (is_builtin_profile(key.destination_profile_id)) {
+            note("%s : RESERVE1 - Can't Modify MsgFormat for id xml/full-txt/short-txt \n", fn);
+            return SNMP_ERR_NOTWRITABLE;
+        }
+    }
+    note(c.reserve1_done, fn);
+    return SNMP_ERR_NOERROR;
+}
+
+/* A row being created in this request takes the value now; its creation request carries it. */
+int profile_column_reserve2(const ProfileColumn &c, const char *fn, long value, const oid *name,
+                            size_t name_len) {
+    ProfileRow key{};
+    if (parse_profile(name, name_len, &key) != 0) {
+        note(c.reserve2_not_set, fn);
+        return SNMP_ERR_INCONSISTENTVALUE;
+    }
+    ProfileRow *listed = find_row(callHomeDestProfileEntry_list, key);
+    if (listed == nullptr && c.create_only) {
+        note("%s : RESERVE2 -- not writable \n", fn);
+        return SNMP_ERR_NOTWRITABLE;
+    }
+    if (listed != nullptr) {
+        note(c.reserve2_setting, fn);
+        c.store(*listed, value);
+    }
+    note(c.reserve2_done, fn);
+    return SNMP_ERR_NOERROR;
+}
+
+/* An existing row is modified by sending it back whole with the one field changed. */
+int profile_column_action(const ProfileColumn &c, const char *fn, long value, const oid *name,
+                          size_t name_len) {
+    ProfileRow row{};
+    int status = read_profile(name, name_len, &row);
+    if (status == CALLHOME_UNKNOWN_ENTRY) {
+        /* Unknown to the service but created by this request: the RowStatus column's ACTION
+         * sends the row with this value, whichever varbind comes first. */
+        return find_row(callHomeDestProfileEntry_list, row) != nullptr ? SNMP_ERR_NOERROR
+                                                                       : SNMP_ERR_NOSUCHNAME;
+    }
+    if (status != 0 || c.trace_send == nullptr) {
+        return SNMP_ERR_NOERROR;
+    }
+    note(c.action_found, fn);
+    c.store(row, value);
+    c.trace_send(fn, row);
+    callHomeDestProfileEntry_hton(&row);
+    return setTableObjects(CALLHOME_DEST_PROFILE_OPC, &row, sizeof row);
+}
+
+int profile_column_write(const ProfileColumn &c, const char *fn, int action, u_char *var_val,
+                         u_char var_val_type, size_t var_val_len, const oid *name,
+                         size_t name_len) {
+    switch (action) {
+    case RESERVE1:
+        return profile_column_reserve1(c, fn, var_val, var_val_type, var_val_len, name, name_len);
+    case RESERVE2:
+        return profile_column_reserve2(c, fn, integer_value(var_val, var_val_len), name, name_len);
+    case ACTION:
+        return profile_column_action(c, fn, integer_value(var_val, var_val_len), name, name_len);
+    default:
+        return SNMP_ERR_NOERROR;
+    }
+}
+
+const ProfileColumn kMsgFormatColumn = {
+    ASN_INTEGER,
+    1,
+    3,
+    true,
+    false,
+    [](ProfileRow &row, long v) { row.format_method = static_cast<int32_t>(v); },
+    [](const char *fn, const ProfileRow &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Sending SET req with destination_profile_id = %s,transport_method "
+                       "= %d, format_method = %d, maximum_message_size = %d, row_status = %d\n",
+                       fn, row.destination_profile_id, row.transport_method, row.format_method,
+                       static_cast<int>(row.maximum_message_size), row.row_status);
+    },
+    "%s : RESERVE1 -- type not ASN_INTEGER\n",
+    "%s : RESERVE1 -- bad length\n",
+    "%s : RESERVE1 -- wrong value \n",
+    "%s : RESERVE1 -- done \n",
+    "%s : RESERVE2 -- dest profile_id not set \n",
+    "%s : RESERVE2 -- setting format method \n",
+    "%s : RESERVE2 -- done \n",
+    "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n",
+};
+
+const ProfileColumn kMaxMsgSizeColumn = {
+    ASN_UNSIGNED,
+    0,
+    kMaxMessageSizeLimit,
+    false,
+    false,
+    [](ProfileRow &row, long v) { row.maximum_message_size = static_cast<uint32_t>(v); },
+    [](const char *fn, const ProfileRow &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Sending SET req with destination_profile_id= %s,transport_method = "
+                       "%d, format_method = %d, maximum_message_size = %d, row_status = %d\n",
+                       fn, row.destination_profile_id, row.transport_method, row.format_method,
+                       static_cast<int>(row.maximum_message_size), row.row_status);
+    },
+    "%s : RESERVE1 --write to callHomeDestProfileMaxMsgSize not ASN_UNSIGNED \n",
+    "%s : RESERVE1 -- write to callHomeDestProfileMaxMsgSize bad length \n",
+    "%s : RESERVE1 -- wrong value \n",
+    "%s : RESERVE1 -- done \n",
+    "%s : RESERVE2 -- destination profile_id not set \n",
+    "%s : RESERVE2 -- setting max msg size \n",
+    "%s : RESERVE2 -- done \n",
+    "%s : ACTION -- modifying existing ENTRY \n",
+};
+
+/* The service knows one transport method; it is fixed when the row is created. */
+const ProfileColumn kTrnsprtMthdColumn = {
+    ASN_INTEGER,
+    1,
+    1,
+    false,
+    true,
+    [](ProfileRow &row, long v) { row.transport_method = static_cast<int32_t>(v); },
+    nullptr,
+    "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd not ASN_INTEGER \n",
+    "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd: bad length \n",
+    "%s : RESERVE1 -- wrong value \n",
+    "%s : RESERVE2 -- done \n",
+    "%s : RESERVE2 -- destination profile_id not set \n",
+    "%s : RESERVE2 -- setting trp method \n",
+    "%s : RESERVE2 -- done\n",
+    nullptr,
+};
+
+/* The service counts message levels from 0; the MIB from 1. */
+const ProfileColumn kMsgLevelColumn = {
+    ASN_INTEGER,
+    1,
+    10,
+    false,
+    false,
+    [](ProfileRow &row, long v) { row.msg_level = static_cast<int8_t>(v - 1); },
+    [](const char *fn, const ProfileRow &row) {
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : Sending SET req with destination_profile_id= %s,transport_method = "
+                       "%d, format_method = %d, maximum_message_size = %d, row_status = %d , "
+                       "msg_level = %d\n",
+                       fn, row.destination_profile_id, row.transport_method, row.format_method,
+                       static_cast<int>(row.maximum_message_size), row.row_status, row.msg_level);
+    },
+    "%s : RESERVE1 -- not ASN_INTEGER \n",
+    "%s : RESERVE1 -- bad length \n",
+    "%s : RESERVE1 -- wrong value \n",
+    "%s : RESERVE1 -- done \n",
+    "%s : RESERVE2 -- dest profile_id not set \n",
+    "%s : RESERVE2 -- setting msg level \n",
+    "%s : RESERVE2 -- done \n",
+    "%s : ACTION -- modifying existing entry \n",
+};
+
+/* ---- Profile alert groups ------------------------------------------------------------ */
+
+constexpr size_t kAlertGroupPrefixLen = 14;
+constexpr size_t kAlertGroupValueMax = 8; /* type indexes 0 to 63 */
+
+/* A bit set in the platform's layout: the header word, then the storage. */
+struct AlertGroupSet {
+    uint32_t size;
+    uint8_t bits[sizeof(mibAlertGroup_t::bitset)];
+};
+
+void send_alertgroup(int msg_type, const char *profile, const char *group) {
+    callHomeAlertGroupEntry_t entry;
+    std::memset(&entry, 0, sizeof entry);
+    size_t n = strnlen(profile, sizeof entry.destination_profile_id - 1);
+    std::memcpy(entry.destination_profile_id, profile, n);
+    n = strnlen(group, sizeof entry.alert_group - 1);
+    std::memcpy(entry.alert_group, group, n);
+    entry.word = 0;
+    /* A failure is traced and logged by the sender; the manager isn't told. */
+    update_cmi_alertGroups(msg_type, &entry);
+}
+
+} // namespace
+
 extern "C" {
 
-int set_callHomeDestProfileMsgFormat(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeDestProfileMaxMsgSize(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeDestProfileTrnsprtMthd(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeDestProfileStatus(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeDestProfileMsgLevel(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeDestEmailAddress(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeDestEmailAddressStatus(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeUserDefCliCmd(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callHomeUserDefCliCmdStatus(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int set_callhome_alertgroups(int, u_char *, u_char, size_t, u_char *, oid *, size_t) { return 0; }
-int update_cmi_alertGroups(int, callHomeAlertGroupEntry_t *) { return 0; }
+/* ---- RowStatus columns ------------------------------------------------------------------ */
+
+int set_callHomeDestProfileStatus(int action, u_char *var_val, u_char var_val_type,
+                                  size_t var_val_len, u_char *statP, oid *name, size_t name_len) {
+    return row_status_write<ProfileTable>(__func__, action, var_val, var_val_type, var_val_len,
+                                          statP, name, name_len);
 }
+
+int set_callHomeDestEmailAddressStatus(int action, u_char *var_val, u_char var_val_type,
+                                       size_t var_val_len, u_char *statP, oid *name,
+                                       size_t name_len) {
+    return row_status_write<EmailTable>(__func__, action, var_val, var_val_type, var_val_len, statP,
+                                        name, name_len);
+}
+
+int set_callHomeUserDefCliCmdStatus(int action, u_char *var_val, u_char var_val_type,
+                                    size_t var_val_len, u_char *statP, oid *name, size_t name_len) {
+    return row_status_write<UserCmdTable>(__func__, action, var_val, var_val_type, var_val_len,
+                                          statP, name, name_len);
+}
+
+/* ---- Destination profile columns --------------------------------------------------------- */
+
+int set_callHomeDestProfileMsgFormat(int action, u_char *var_val, u_char var_val_type,
+                                     size_t var_val_len, u_char *, oid *name, size_t name_len) {
+    return profile_column_write(kMsgFormatColumn, __func__, action, var_val, var_val_type,
+                                var_val_len, name, name_len);
+}
+
+int set_callHomeDestProfileMaxMsgSize(int action, u_char *var_val, u_char var_val_type,
+                                      size_t var_val_len, u_char *, oid *name, size_t name_len) {
+    return profile_column_write(kMaxMsgSizeColumn, __func__, action, var_val, var_val_type,
+                                var_val_len, name, name_len);
+}
+
+int set_callHomeDestProfileTrnsprtMthd(int action, u_char *var_val, u_char var_val_type,
+                                       size_t var_val_len, u_char *, oid *name, size_t name_len) {
+    return profile_column_write(kTrnsprtMthdColumn, __func__, action, var_val, var_val_type,
+                                var_val_len, name, name_len);
+}
+
+int set_callHomeDestProfileMsgLevel(int action, u_char *var_val, u_char var_val_type,
+                                    size_t var_val_len, u_char *, oid *name, size_t name_len) {
+    return profile_column_write(kMsgLevelColumn, __func__, action, var_val, var_val_type,
+                                var_val_len, name, name_len);
+}
+
+/* ---- Destination e-mail address column --------------------------------------------------- */
+
+/* The address is given only in the request that creates its row. */
+int set_callHomeDestEmailAddress(int action, u_char *var_val, u_char var_val_type,
+                                 size_t var_val_len, u_char *, oid *name, size_t name_len) {
+    switch (action) {
+    case RESERVE1:
+        if (var_val_type != ASN_OCTET_STR) {
+            fprintf(stderr, "write to callHomeDestEmailAddress not ASN_OCTET_STR\n");
+            return SNMP_ERR_WRONGTYPE;
+        }
+        if (var_val_len < 1 || var_val_len > sizeof(EmailRow::email_addr) - 1) {
+            fprintf(stderr, "write to callHomeDestEmailAddress: bad length\n");
+            return SNMP_ERR_WRONGLENGTH;
+        }
+        if (var_val == nullptr ||
+            has_edge_space(reinterpret_cast<const char *>(var_val), var_val_len)) {
+            note("%s : leading/trailing space is not allowed in SnmpAdminString type\n", __func__);
+            return SNMP_ERR_WRONGVALUE;
+        }
+        return SNMP_ERR_NOERROR;
+    case RESERVE2: {
+        EmailRow key{};
+        if (EmailTable::parse(name, name_len, &key) != 0) {
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        EmailRow *listed = find_row(callHomeDestEmailAddressEntry_list, key);
+        if (listed == nullptr) {
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        copy_value(listed->email_addr, var_val, var_val_len);
+        return SNMP_ERR_NOERROR;
+    }
+    default:
+        return SNMP_ERR_NOERROR;
+    }
+}
+
+/* ---- User-defined command column --------------------------------------------------------- */
+
+/* The command is given only in the request that creates its row; a new command needs a new
+ * row. */
+int set_callHomeUserDefCliCmd(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
+                              u_char *, oid *name, size_t name_len) {
+    switch (action) {
+    case RESERVE1:
+        if (var_val_type != ASN_OCTET_STR) {
+            note("%s : RESERVE1 -- not ASN_INTEGER \n", __func__);
+            return SNMP_ERR_WRONGTYPE;
+        }
+        if (var_val_len > sizeof(UserCmdRow::cli_cmd) - 1) {
+            note("%s : RESERVE1 -- bad length \n", __func__);
+            return SNMP_ERR_WRONGLENGTH;
+        }
+        if (var_val == nullptr) {
+            return SNMP_ERR_WRONGVALUE;
+        }
+        note("%s : RESERVE1 -- done \n", __func__);
+        return SNMP_ERR_NOERROR;
+    case RESERVE2: {
+        UserCmdRow key;
+        std::memset(&key, 0, sizeof key);
+        if (UserCmdTable::parse(name, name_len, &key) != 0) {
+            note("%s : RESERVE2 -- indices not set properly \n", __func__);
+            return SNMP_ERR_INCONSISTENTVALUE;
+        }
+        UserCmdRow *listed = find_row(callHomeUserDefCliCmd_list, key);
+        if (listed != nullptr) {
+            std::memset(listed->cli_cmd, 0, sizeof listed->cli_cmd);
+            copy_value(listed->cli_cmd, var_val, var_val_len);
+            note("%s : RESERVE2 -- setting cli_cmd \n", __func__);
+        }
+        note("%s : RESERVE2 -- done \n", __func__);
+        return SNMP_ERR_NOERROR;
+    }
+    case ACTION: {
+        UserCmdRow row;
+        std::memset(&row, 0, sizeof row);
+        int status = UserCmdTable::read_for_set(name, name_len, &row);
+        if (find_row(callHomeUserDefCliCmd_list, row) != nullptr) {
+            return SNMP_ERR_NOERROR; /* sent by the RowStatus column's ACTION */
+        }
+        if (status == CALLHOME_UNKNOWN_ENTRY) {
+            return SNMP_ERR_NOSUCHNAME;
+        }
+        note("%s : Can't modify - done \n", __func__);
+        return SNMP_ERR_INCONSISTENTVALUE;
+    }
+    default:
+        return SNMP_ERR_NOERROR;
+    }
+}
+
+/* ---- Profile alert groups ---------------------------------------------------------------- */
+
+int update_cmi_alertGroups(int msg_type, callHomeAlertGroupEntry_t *entry) {
+    if (entry == nullptr) {
+        return SNMP_ERR_GENERR;
+    }
+    callhome_trace(CALLHOME_TRACE_INFO,
+                   "%s : Sending %s REQ to alertGroupTable for destination_profile_id = %s "
+                   "AlertGroup = %s\n",
+                   __func__, msg_type == SET_REQ ? "SET" : "DELETE", entry->destination_profile_id,
+                   entry->alert_group);
+    entry->request_flag = 0;
+    callHomeAlertGroupEntry_hton(entry);
+    int status = send_write(CALLHOME_PROFILE_ALERTGROUP_OPC, msg_type, entry, sizeof *entry);
+    if (status != 0) {
+        callhome_trace(CALLHOME_TRACE_ERROR, "%s : SET failed : %s\n", __func__,
+                       callhome_status_text(status));
+        log_set_error(status, kSetErrorCode);
+        return to_snmp_error_code(status);
+    }
+    callhome_trace(CALLHOME_TRACE_INFO, "%s : update succeeded\n", __func__);
+    return SNMP_ERR_NOERROR;
+}
+
+/* The service keeps a profile's groups one by one, and a profile with every known type as
+ * the single group "all"; the written bit string is turned into the changes between the two. */
+int set_callhome_alertgroups(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
+                             u_char *, oid *name, size_t name_len) {
+    if (action == RESERVE1) {
+        if (var_val_type != ASN_OCTET_STR) {
+            note("%s :write to callHomeAlertGroups not ASN_OCTET_STR \n", __func__);
+            return SNMP_ERR_WRONGTYPE;
+        }
+        if (var_val_len > kAlertGroupValueMax) {
+            note("%s :write to callHomeAlertGroups bad length\n", __func__);
+            return SNMP_ERR_WRONGLENGTH;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+    if (action != ACTION) {
+        return SNMP_ERR_NOERROR; /* the change is made in ACTION and is not undone */
+    }
+
+    OidCopy o = copy_oid(name, name_len);
+    int status = header_callhome_alertgroups(o.arcs, kAlertGroupPrefixLen, o.arcs, &o.len, 1,
+                                             &mibAlertGroup, 1);
+    if (status != 0) {
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : read from alertGroup Table failed :%s  \n",
+                       __func__, callhome_status_text(status));
+        return status == CALLHOME_UNKNOWN_ENTRY ? SNMP_ERR_NOSUCHNAME : status;
+    }
+    note("%s : read from alertGroup Table succeed \n", __func__);
+
+    AlertGroupSet wanted;
+    wanted.size = sizeof wanted.bits;
+    bitset_clear(&wanted);
+    if (var_val != nullptr) {
+        std::memcpy(wanted.bits, var_val, std::min(var_val_len, kAlertGroupValueMax));
+    }
+    const void *old_set = &mibAlertGroup.bitset_size;
+    char profile[sizeof mibAlertGroup.destination_profile_id];
+    copy_text(profile, mibAlertGroup.destination_profile_id);
+    uint32_t count = std::min<uint32_t>(alertgroup_type_count, CALLHOME_MAX_ALERTGROUP_TYPES);
+
+    if (is_all_alertgroup_types_set(&wanted)) {
+        if (is_all_alertgroup_types_set(old_set)) {
+            note("%s : I/P is ALL, old value is ALL -- NO CHANGE \n", __func__);
+            return SNMP_ERR_NOERROR;
+        }
+        note("%s : I/P is ALL, old value is not ALL \n", __func__);
+        for (uint32_t i = 0; i < count; ++i) {
+            if (bitset_is_bit_set(old_set, alertgroup_types[i].index)) {
+                send_alertgroup(DELETE_REQ, profile, alertgroup_types[i].grp_name);
+            }
+        }
+        send_alertgroup(SET_REQ, profile, "all");
+    } else if (is_all_alertgroup_types_set(old_set)) {
+        if (!is_all_alertgroup_types_reset(&wanted)) {
+            note("%s :OLD value is ALL -- return Badvalue \n", __func__);
+            return SNMP_ERR_WRONGVALUE;
+        }
+        send_alertgroup(DELETE_REQ, profile, "all");
+    } else {
+        for (uint32_t i = 0; i < count; ++i) {
+            uint32_t bit = alertgroup_types[i].index;
+            bool was = bitset_is_bit_set(old_set, bit) != 0;
+            bool now = bitset_is_bit_set(&wanted, bit) != 0;
+            if (was && !now) {
+                send_alertgroup(DELETE_REQ, profile, alertgroup_types[i].grp_name);
+            } else if (!was && now) {
+                send_alertgroup(SET_REQ, profile, alertgroup_types[i].grp_name);
+            }
+        }
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+} // extern "C"
