@@ -76,7 +76,7 @@ extern "C" const char *syserr_format(uint32_t status) {
 
 extern "C" void log_set_error(int32_t status, int code) {
     snmp_log(LOG_ERR, "callhome: write to the service failed (record %d): %s\n", code,
-             status == -1 ? std::strerror(errno) : syserr_format(uint32_t(status)));
+             status == -1 ? "no status from the service" : syserr_format(uint32_t(status)));
     std::lock_guard<std::mutex> lock(errors().mutex);
     errors().set_status = status;
     errors().set_code = code;
