@@ -1,0 +1,149 @@
+// callhomectl: administration of the call-home service.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "callhome/admin.hpp"
+#include "callhome/paths.hpp"
+#include "platform/paths.hpp"
+#include "callhome/protocol.hpp"
+#include "callhome/server.hpp"
+#include "platform/frame.hpp"
+
+namespace {
+
+namespace fr = platform::frame;
+
+constexpr int kReplyTimeoutMs = 30000;
+
+const char kHelp[] =
+    "usage: callhomectl [--socket PATH] COMMAND...\n"
+    "\n"
+    "  ping              exit 0 when the service answers\n"
+    "  dump              the whole configuration and status as JSON\n"
+    "  outbox            the queued messages as a JSON array\n"
+    "  group add NAME    add an alert-group type (lowest free index)\n"
+    "  group del NAME    remove an alert-group type, its memberships and commands\n"
+    "  distribution on|off [mode N]\n"
+    "  fault status OPCODE STATUS [--type N] [--count N]\n"
+    "                    the next N requests answer STATUS and change nothing\n"
+    "  fault delay OPCODE MILLISECONDS [--type N] [--count N]\n"
+    "                    the next N requests are answered late\n"
+    "  fault drop OPCODE [--type N] [--count N]\n"
+    "                    the next N requests are never answered\n"
+    "  fault clear       remove every armed fault\n"
+    "\n"
+    "OPCODE is a number or a name such as CALLHOME_INFO_OPC; STATUS is decimal, hex\n"
+    "(0x403B0019) or -1. --type limits a fault to one message type (1..6), --count sets N\n"
+    "(default 1).\n"
+    "\n"
+    "dump keys: enabled; info {name: value}; email {from, reply_to, return_receipt,\n"
+    "smtp_server, address_type, port}; throttling; periodic_inventory {enabled, days,\n"
+    "time_of_day (minutes)}; status {last_alert_sec, last_alert_usec, alerts_sent,\n"
+    "message_status, error_code, error_message}; profiles [{name, format, transport,\n"
+    "max_size, level, row_status, builtin, addresses [{index, address}], alert_groups\n"
+    "[name]}]; alert_group_types [{index, name}]; user_commands [{type, type_index, index,\n"
+    "command}]; distribution {enabled, mode}.\n"
+    "outbox keys: id, time_sec, time_usec, profile, recipients, format, subject, body,\n"
+    "state, attempts, last_error.\n"
+    "\n"
+    "Exit status: the service's (0 success, 1 refused), 2 usage error, 1 service\n"
+    "unreachable. The socket defaults to $CALLHOME_SOCKET, else\n"
+    "$XDG_RUNTIME_DIR/callhome/callhomed.sock, else /tmp/callhome-<uid>/callhomed.sock.\n";
+
+int unreachable(const std::string &path, const std::string &why) {
+    std::cerr << "callhomectl: cannot reach the call-home service at " << path << ": " << why
+              << "\n";
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::string path;
+    std::vector<std::string> args;
+    int i = 1;
+    for (; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            std::cout << kHelp;
+            return 0;
+        }
+        if (a == "--socket") {
+            if (i + 1 >= argc) {
+                std::cerr << "callhomectl: --socket needs a path\n";
+                return 2;
+            }
+            path = argv[++i];
+            continue;
+        }
+        break;
+    }
+    args.assign(argv + i, argv + argc);
+    if (auto parsed = callhome::parse_admin(args);
+        auto *err = std::get_if<callhome::AdminUsageError>(&parsed)) {
+        std::cerr << "callhomectl: " << err->message << "(callhomectl --help explains more)\n";
+        return 2;
+    }
+    if (path.empty()) {
+        path = platform::default_socket_path();
+    }
+
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) {
+        return unreachable(path, "socket path too long");
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    callhome::UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        return unreachable(path, std::strerror(errno));
+    }
+
+    fr::Frame req;
+    req.kind = fr::Kind::Admin;
+    req.seq = 1;
+    req.body = callhome::protocol::join_args(args);
+    const auto bytes = fr::encode(req);
+    if (!bytes) {
+        std::cerr << "callhomectl: arguments too long\n";
+        return 2;
+    }
+    if (send(fd.get(), bytes->data(), bytes->size(), MSG_NOSIGNAL) < 0) {
+        return unreachable(path, std::strerror(errno));
+    }
+
+    std::string text;
+    int status = 0;
+    std::vector<uint8_t> buf(fr::kMaxFrame + 1);
+    for (;;) {
+        pollfd p{fd.get(), POLLIN, 0};
+        const int ready = poll(&p, 1, kReplyTimeoutMs);
+        if (ready <= 0) {
+            return unreachable(path, ready == 0 ? "no answer" : std::strerror(errno));
+        }
+        const ssize_t n = recv(fd.get(), buf.data(), buf.size(), 0);
+        if (n <= 0) {
+            return unreachable(path, n == 0 ? "connection closed" : std::strerror(errno));
+        }
+        const auto f = fr::decode(buf.data(), size_t(n));
+        if (!f || f->kind != fr::Kind::AdminReply || f->seq != req.seq) {
+            return unreachable(path, "malformed answer");
+        }
+        text.append(f->body.begin(), f->body.end());
+        status = f->status;
+        if (!(f->flags & callhome::protocol::kAdminMore)) {
+            break;
+        }
+    }
+    (status == 0 ? std::cout : std::cerr) << text;
+    return status;
+}

@@ -1,0 +1,86 @@
+// callhomed's event loop: one thread, poll(2), many connections on an AF_UNIX
+// SOCK_SEQPACKET socket, each connection's requests answered in order.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <list>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "callhome/service.hpp"
+#include "platform/frame.hpp"
+
+namespace callhome {
+
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd &&o) noexcept : fd_(o.release()) {}
+    UniqueFd &operator=(UniqueFd &&o) noexcept {
+        if (this != &o) {
+            reset(o.release());
+        }
+        return *this;
+    }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+    int get() const { return fd_; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1);
+    explicit operator bool() const { return fd_ >= 0; }
+
+  private:
+    int fd_ = -1;
+};
+
+class Server {
+  public:
+    // Binds and listens on `socket_path` (creating its directory, 0700). Refuses to start
+    // (std::runtime_error) when another service answers there; removes a stale socket file.
+    Server(Service &service, std::string socket_path);
+    ~Server(); // removes the socket file
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // Serves until `stop_fd` becomes readable (a signalfd in callhomed).
+    void run(int stop_fd);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    struct Held {
+        platform::frame::Frame frame;
+        Clock::time_point due;
+    };
+    struct Conn {
+        UniqueFd fd;
+        bool subscriber = false;
+        bool dead = false;
+        std::deque<platform::frame::Frame> inbox;
+        std::optional<Held> held; // a request whose answer is being delayed
+        std::deque<std::vector<uint8_t>> outbox;
+    };
+
+    void accept_clients();
+    void read_from(Conn &c);
+    void pump(Conn &c);
+    void handle(Conn &c, platform::frame::Frame &&f);
+    void answer_request(Conn &c, const platform::frame::Frame &f, const platform::CmiReply &r);
+    void send(Conn &c, const platform::frame::Frame &f);
+    void flush(Conn &c);
+    void broadcast(int32_t id, const std::vector<uint8_t> &payload);
+
+    Service &service_;
+    std::string path_;
+    UniqueFd listen_;
+    std::list<Conn> conns_;
+};
+
+} // namespace callhome

@@ -1,0 +1,57 @@
+// The call-home service: every value the MIB module serves lives here.
+//
+// One Service owns the configuration (kept in SQLite, served from memory), answers the
+// request channel one request at a time and runs the admin commands of callhomectl. It is
+// not thread-safe: the daemon drives it from its single event-loop thread, and tests host
+// it in-process behind the platform's transport hook.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/testing.hpp"
+
+namespace callhome {
+
+// What an injected fault does to the request it matches.
+struct FaultAction {
+    enum class Kind { None, Status, Delay, Drop };
+    Kind kind = Kind::None;
+    int32_t status = 0; // Kind::Status: the status answered
+    int delay_ms = 0;   // Kind::Delay: how long the answer is held back
+};
+
+class Service {
+  public:
+    // ":memory:" keeps everything in memory (tests). Throws std::runtime_error when the
+    // database can't be opened, created or read.
+    explicit Service(const std::string &db_path);
+    ~Service();
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+
+    // One request of the channel. Injected status faults apply here too.
+    platform::CmiReply handle(const platform::CmiRequest &request);
+
+    // An admin command as callhomectl sends it: (exit status, output text).
+    std::pair<int, std::string> admin(const std::vector<std::string> &args);
+
+    using Notifier = std::function<void(int32_t id, const std::vector<uint8_t> &payload)>;
+    // Called for every platform notification the service emits.
+    void set_notifier(Notifier notifier);
+
+    // For the daemon, which applies delays and drops itself: takes the fault (if any) that
+    // matches the request, counting it down, and answers the request without fault checks.
+    FaultAction take_fault(int opcode, int msg_type);
+    platform::CmiReply process(const platform::CmiRequest &request);
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace callhome

@@ -1,0 +1,191 @@
+#include "callhome/admin.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+#include "callhome_wire.h"
+
+namespace callhome {
+
+const char *const kAdminUsage = "commands:\n"
+                                "  ping\n"
+                                "  dump\n"
+                                "  outbox\n"
+                                "  group add NAME\n"
+                                "  group del NAME\n"
+                                "  distribution on|off [mode N]\n"
+                                "  fault status OPCODE STATUS [--type N] [--count N]\n"
+                                "  fault delay OPCODE MILLISECONDS [--type N] [--count N]\n"
+                                "  fault drop OPCODE [--type N] [--count N]\n"
+                                "  fault clear\n";
+
+namespace {
+
+// Decimal, or hexadecimal with 0x; nothing else (no octal surprises from a leading 0).
+std::optional<int64_t> parse_number(const std::string &text) {
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char *start = text.c_str() + (hex ? 2 : 0);
+    if (*start == '+' || (hex && *start == '-') || *start == ' ') {
+        return std::nullopt;
+    }
+    char *end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(start, &end, hex ? 16 : 10);
+    if (errno != 0 || end == start || *end != '\0') {
+        return std::nullopt;
+    }
+    return v;
+}
+
+AdminUsageError usage(const std::string &what) {
+    return {what + "\n" + kAdminUsage};
+}
+
+} // namespace
+
+std::optional<int> parse_opcode(const std::string &text) {
+    static const std::pair<const char *, int> names[] = {
+        {"CALLHOME_EMAIL_CONF_OPC", CALLHOME_EMAIL_CONF_OPC},
+        {"CALLHOME_DEST_EMAIL_OPC", CALLHOME_DEST_EMAIL_OPC},
+        {"CALLHOME_DEST_PROFILE_OPC", CALLHOME_DEST_PROFILE_OPC},
+        {"CALLHOME_INFO_OPC", CALLHOME_INFO_OPC},
+        {"CALLHOME_ENABLE_OPC", CALLHOME_ENABLE_OPC},
+        {"CALLHOME_ALERT_ACTION_OPC", CALLHOME_ALERT_ACTION_OPC},
+        {"CALLHOME_STATUS_OPC", CALLHOME_STATUS_OPC},
+        {"CALLHOME_PROFILE_ALERTGROUP_OPC", CALLHOME_PROFILE_ALERTGROUP_OPC},
+        {"CALLHOME_ALERTGROUP_TYPE_OPC", CALLHOME_ALERTGROUP_TYPE_OPC},
+        {"CALLHOME_MSG_THROTTLING_OPC", CALLHOME_MSG_THROTTLING_OPC},
+        {"CALLHOME_PERIODIC_INVENTORY_OPC", CALLHOME_PERIODIC_INVENTORY_OPC},
+        {"CALLHOME_USER_DEF_CMD_OPC", CALLHOME_USER_DEF_CMD_OPC},
+    };
+    for (const auto &[name, value] : names) {
+        if (text == name) {
+            return value;
+        }
+    }
+    const auto n = parse_number(text);
+    if (!n || *n < 0 || *n > std::numeric_limits<int32_t>::max()) {
+        return std::nullopt;
+    }
+    return int(*n);
+}
+
+std::variant<AdminCommand, AdminUsageError> parse_admin(const std::vector<std::string> &args) {
+    using Op = AdminCommand::Op;
+    AdminCommand cmd;
+    if (args.empty()) {
+        return usage("missing command");
+    }
+    const std::string &verb = args[0];
+    const size_t n = args.size();
+    if (verb == "ping" || verb == "dump" || verb == "outbox") {
+        if (n != 1) {
+            return usage(verb + " takes no arguments");
+        }
+        cmd.op = verb == "ping" ? Op::Ping : verb == "dump" ? Op::Dump : Op::Outbox;
+        return cmd;
+    }
+    if (verb == "group") {
+        if (n != 3 || (args[1] != "add" && args[1] != "del")) {
+            return usage("usage: group add NAME | group del NAME");
+        }
+        cmd.op = args[1] == "add" ? Op::GroupAdd : Op::GroupDel;
+        cmd.name = args[2];
+        return cmd;
+    }
+    if (verb == "distribution") {
+        if ((n != 2 && n != 4) || (args[1] != "on" && args[1] != "off")) {
+            return usage("usage: distribution on|off [mode N]");
+        }
+        cmd.op = Op::Distribution;
+        cmd.enabled = args[1] == "on";
+        if (n == 4) {
+            const auto mode = parse_number(args[3]);
+            if (args[2] != "mode" || !mode || *mode < 0 ||
+                *mode > std::numeric_limits<uint32_t>::max()) {
+                return usage("usage: distribution on|off [mode N] (N a non-negative number)");
+            }
+            cmd.mode = uint32_t(*mode);
+        }
+        return cmd;
+    }
+    if (verb == "fault") {
+        if (n < 2) {
+            return usage("usage: fault status|delay|drop|clear ...");
+        }
+        const std::string &kind = args[1];
+        if (kind == "clear") {
+            if (n != 2) {
+                return usage("fault clear takes no arguments");
+            }
+            cmd.op = Op::FaultClear;
+            return cmd;
+        }
+        size_t positional;
+        if (kind == "status") {
+            cmd.op = Op::FaultStatus;
+            positional = 2;
+        } else if (kind == "delay") {
+            cmd.op = Op::FaultDelay;
+            positional = 2;
+        } else if (kind == "drop") {
+            cmd.op = Op::FaultDrop;
+            positional = 1;
+        } else {
+            return usage("unknown fault kind '" + kind + "'");
+        }
+        if (n < 2 + positional) {
+            return usage("usage: fault " + kind + " OPCODE" +
+                         (kind == "status"  ? " STATUS"
+                          : kind == "delay" ? " MILLISECONDS"
+                                            : "") +
+                         " [--type N] [--count N]");
+        }
+        const auto opcode = parse_opcode(args[2]);
+        if (!opcode) {
+            return usage("bad opcode '" + args[2] + "'");
+        }
+        cmd.opcode = *opcode;
+        if (cmd.op == Op::FaultStatus) {
+            const auto status = parse_number(args[3]);
+            if (!status || *status < std::numeric_limits<int32_t>::min() ||
+                *status > int64_t(std::numeric_limits<uint32_t>::max())) {
+                return usage("bad status '" + args[3] + "'");
+            }
+            cmd.status = int32_t(uint32_t(*status));
+        } else if (cmd.op == Op::FaultDelay) {
+            const auto ms = parse_number(args[3]);
+            if (!ms || *ms < 0 || *ms > 3600 * 1000) {
+                return usage("bad delay '" + args[3] + "' (milliseconds, 0 to 3600000)");
+            }
+            cmd.delay_ms = int(*ms);
+        }
+        for (size_t i = 2 + positional; i < n; i += 2) {
+            if (i + 1 >= n) {
+                return usage("option " + args[i] + " needs a value");
+            }
+            const auto v = parse_number(args[i + 1]);
+            if (args[i] == "--type") {
+                if (!v || *v < 1 || *v > 6) {
+                    return usage("bad message type '" + args[i + 1] + "' (1 to 6)");
+                }
+                cmd.type = int(*v);
+            } else if (args[i] == "--count") {
+                if (!v || *v < 1 || *v > 1000000) {
+                    return usage("bad count '" + args[i + 1] + "' (1 to 1000000)");
+                }
+                cmd.count = int(*v);
+            } else {
+                return usage("unknown option '" + args[i] + "'");
+            }
+        }
+        return cmd;
+    }
+    return usage("unknown command '" + verb + "'");
+}
+
+} // namespace callhome

@@ -1,0 +1,335 @@
+#include "callhome/server.hpp"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+#include "callhome/paths.hpp"
+#include "callhome/protocol.hpp"
+
+namespace callhome {
+namespace {
+
+namespace fr = platform::frame;
+
+// Bounds that keep one misbehaving client from growing the service without limit.
+constexpr size_t kMaxInbox = 1024;
+constexpr size_t kMaxOutbox = 4096;
+constexpr int kReadsPerWake = 64;
+
+[[noreturn]] void fail(const std::string &what) {
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+sockaddr_un address_of(const std::string &path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof addr.sun_path) {
+        throw std::runtime_error("socket path too long or empty: " + path);
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    return addr;
+}
+
+// True when a service accepts connections on `path`.
+bool someone_listens(const std::string &path) {
+    UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!fd) {
+        fail("socket");
+    }
+    const sockaddr_un addr = address_of(path);
+    return connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
+}
+
+platform::CmiRequest to_request(const fr::Frame &f) {
+    platform::CmiRequest req;
+    req.opcode = f.opcode;
+    req.msg_type = f.msg_type;
+    req.record = f.body;
+    req.wants_record = (f.flags & fr::kWantsRecord) != 0;
+    req.user_null = (f.flags & fr::kUserNull) != 0;
+    req.user = f.user;
+    req.session = f.session;
+    req.client = f.client;
+    req.wait = f.wait;
+    return req;
+}
+
+} // namespace
+
+void UniqueFd::reset(int fd) {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    fd_ = fd;
+}
+
+Server::Server(Service &service, std::string socket_path)
+    : service_(service), path_(std::move(socket_path)) {
+    const sockaddr_un addr = address_of(path_);
+    if (!make_parent_dirs(path_)) {
+        fail("create directory for " + path_);
+    }
+    struct stat st {};
+    if (lstat(path_.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            throw std::runtime_error(path_ + " exists and is not a socket");
+        }
+        if (someone_listens(path_)) {
+            throw std::runtime_error("another callhomed is answering on " + path_);
+        }
+        if (unlink(path_.c_str()) != 0) {
+            fail("remove stale socket " + path_);
+        }
+    }
+    listen_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!listen_) {
+        fail("socket");
+    }
+    if (bind(listen_.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        fail("bind " + path_);
+    }
+    if (listen(listen_.get(), 64) != 0) {
+        unlink(path_.c_str());
+        fail("listen " + path_);
+    }
+    service_.set_notifier(
+        [this](int32_t id, const std::vector<uint8_t> &payload) { broadcast(id, payload); });
+}
+
+Server::~Server() {
+    service_.set_notifier({});
+    if (listen_) {
+        unlink(path_.c_str());
+    }
+}
+
+void Server::run(int stop_fd) {
+    std::vector<pollfd> fds;
+    std::vector<Conn *> polled;
+    for (;;) {
+        // Answer delayed requests that are due, and find the next deadline.
+        const auto now = Clock::now();
+        int timeout = -1;
+        for (Conn &c : conns_) {
+            if (c.held && c.held->due <= now) {
+                const Held h = std::move(*c.held);
+                c.held.reset();
+                answer_request(c, h.frame, service_.process(to_request(h.frame)));
+                pump(c);
+            }
+            if (c.held) {
+                const auto ms =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(c.held->due - now)
+                        .count() +
+                    1;
+                timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
+            }
+        }
+        conns_.remove_if([](const Conn &c) { return c.dead; });
+
+        fds.clear();
+        polled.clear();
+        fds.push_back({stop_fd, POLLIN, 0});
+        fds.push_back({listen_.get(), POLLIN, 0});
+        for (Conn &c : conns_) {
+            short events = POLLIN;
+            if (!c.outbox.empty()) {
+                events |= POLLOUT;
+            }
+            fds.push_back({c.fd.get(), events, 0});
+            polled.push_back(&c);
+        }
+        if (poll(fds.data(), fds.size(), timeout) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            fail("poll");
+        }
+        if (fds[0].revents != 0) {
+            return;
+        }
+        if (fds[1].revents & POLLIN) {
+            accept_clients();
+        }
+        for (size_t i = 0; i < polled.size(); ++i) {
+            Conn &c = *polled[i];
+            const short re = fds[i + 2].revents;
+            if (re & POLLOUT) {
+                flush(c);
+            }
+            if (!c.dead && (re & (POLLIN | POLLHUP | POLLERR))) {
+                read_from(c);
+                pump(c);
+            }
+        }
+        conns_.remove_if([](const Conn &c) { return c.dead; });
+    }
+}
+
+void Server::accept_clients() {
+    for (;;) {
+        const int fd = accept4(listen_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+                std::cerr << "callhomed: accept: " << std::strerror(errno) << "\n";
+            }
+            return;
+        }
+        conns_.emplace_back();
+        conns_.back().fd.reset(fd);
+    }
+}
+
+void Server::read_from(Conn &c) {
+    std::vector<uint8_t> buf(fr::kMaxFrame + 1);
+    for (int i = 0; i < kReadsPerWake; ++i) {
+        const ssize_t n = recv(c.fd.get(), buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
+        if (n < 0) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+                c.dead = true;
+            }
+            return;
+        }
+        if (n == 0) { // the peer closed
+            c.dead = true;
+            return;
+        }
+        auto f = size_t(n) <= fr::kMaxFrame ? fr::decode(buf.data(), size_t(n)) : std::nullopt;
+        if (!f || c.inbox.size() >= kMaxInbox) {
+            std::cerr << "callhomed: malformed frame; closing the connection\n";
+            c.dead = true;
+            return;
+        }
+        c.inbox.push_back(std::move(*f));
+    }
+}
+
+void Server::pump(Conn &c) {
+    while (!c.dead && !c.held && !c.inbox.empty()) {
+        fr::Frame f = std::move(c.inbox.front());
+        c.inbox.pop_front();
+        handle(c, std::move(f));
+    }
+}
+
+void Server::handle(Conn &c, fr::Frame &&f) {
+    switch (f.kind) {
+    case fr::Kind::Request: {
+        const FaultAction fault = service_.take_fault(f.opcode, f.msg_type);
+        switch (fault.kind) {
+        case FaultAction::Kind::Drop:
+            return;
+        case FaultAction::Kind::Delay:
+            c.held = Held{std::move(f), Clock::now() + std::chrono::milliseconds(fault.delay_ms)};
+            return;
+        case FaultAction::Kind::Status: {
+            platform::CmiReply r;
+            r.status = fault.status;
+            answer_request(c, f, r);
+            return;
+        }
+        case FaultAction::Kind::None:
+            break;
+        }
+        answer_request(c, f, service_.process(to_request(f)));
+        return;
+    }
+    case fr::Kind::Subscribe:
+        c.subscriber = true;
+        return;
+    case fr::Kind::Admin: {
+        const auto [status, text] = service_.admin(protocol::split_args(f.body));
+        // Long outputs go in pieces; every piece but the last carries kAdminMore.
+        size_t pos = 0;
+        do {
+            fr::Frame reply;
+            reply.kind = fr::Kind::AdminReply;
+            reply.seq = f.seq;
+            reply.status = status;
+            const size_t n = std::min(text.size() - pos, fr::kMaxBody);
+            reply.body.assign(text.begin() + long(pos), text.begin() + long(pos + n));
+            pos += n;
+            if (pos < text.size()) {
+                reply.flags = protocol::kAdminMore;
+            }
+            send(c, reply);
+        } while (pos < text.size() && !c.dead);
+        return;
+    }
+    default:
+        std::cerr << "callhomed: unexpected frame kind " << int(f.kind)
+                  << "; closing the connection\n";
+        c.dead = true;
+        return;
+    }
+}
+
+void Server::answer_request(Conn &c, const fr::Frame &f, const platform::CmiReply &r) {
+    fr::Frame reply;
+    reply.kind = fr::Kind::Response;
+    reply.seq = f.seq;
+    reply.opcode = f.opcode;
+    reply.msg_type = f.msg_type;
+    reply.status = r.status;
+    if ((f.flags & fr::kWantsRecord) && r.has_record) {
+        reply.flags = fr::kHasRecord;
+        reply.body = r.record;
+    }
+    send(c, reply);
+}
+
+void Server::send(Conn &c, const fr::Frame &f) {
+    if (c.dead) {
+        return;
+    }
+    auto bytes = fr::encode(f);
+    if (!bytes) {
+        std::cerr << "callhomed: answer too large to frame; closing the connection\n";
+        c.dead = true;
+        return;
+    }
+    if (c.outbox.size() >= kMaxOutbox) {
+        std::cerr << "callhomed: client does not read; closing the connection\n";
+        c.dead = true;
+        return;
+    }
+    c.outbox.push_back(std::move(*bytes));
+    flush(c);
+}
+
+void Server::flush(Conn &c) {
+    while (!c.dead && !c.outbox.empty()) {
+        const auto &m = c.outbox.front();
+        const ssize_t n = ::send(c.fd.get(), m.data(), m.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+                return; // POLLOUT resumes
+            }
+            c.dead = true;
+            return;
+        }
+        c.outbox.pop_front();
+    }
+}
+
+void Server::broadcast(int32_t id, const std::vector<uint8_t> &payload) {
+    fr::Frame n;
+    n.kind = fr::Kind::Notification;
+    n.opcode = id;
+    n.body = payload;
+    for (Conn &c : conns_) {
+        if (c.subscriber) {
+            send(c, n);
+        }
+    }
+}
+
+} // namespace callhome
