@@ -1,0 +1,282 @@
+// The MIB definition against the agent: smilint accepts it, and net-snmp's parser gives every
+// object of the agent's object table its name, OID, syntax and access, and back.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+
+#include "callhome_mib.h"
+
+namespace {
+
+const std::string kRoot = "1.3.6.1.4.1.32473.9.300";
+const std::string kModule = "CALLHOME-MIB";
+
+struct Result {
+    int status = -1;
+    std::string out;
+};
+
+Result run(const std::string &command) {
+    Result r;
+    FILE *p = ::popen(command.c_str(), "r");
+    if (p == nullptr) {
+        return r;
+    }
+    std::array<char, 4096> buf{};
+    size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) {
+        r.out.append(buf.data(), n);
+    }
+    const int st = ::pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+// snmptranslate with only this module and the IETF base modules it imports. Its standard
+// error is kept apart so that parser complaints can be checked on their own.
+Result translate(const std::string &args, std::string *errors = nullptr) {
+    const std::string err_file = ::testing::TempDir() + "snmptranslate.err";
+    Result r = run("MIBDIRS='" + std::string(BASE_MIB_DIR) + ":" + MIB_DIR + "' MIBS=" + kModule +
+                   " " + SNMPTRANSLATE_PATH + " " + args + " 2>" + err_file);
+    if (errors != nullptr) {
+        *errors = run("cat " + err_file).out;
+    }
+    while (!r.out.empty() && r.out.back() == '\n') {
+        r.out.pop_back();
+    }
+    return r;
+}
+
+// The MIB's descriptor of each object the agent serves, by the object's magic number.
+const std::map<int, std::string> kNames = {
+    {CALLHOMEENABLE, "callHomeEnable"},
+    {SYSCONTACTPHONENUMBER, "sysContactPhoneNumber"},
+    {SYSCONTACTEMAILADDRESS, "sysContactEmailAddress"},
+    {SYSSTREETADDRESS, "sysStreetAddress"},
+    {CALLHOMECUSTOMERID, "callHomeCustomerId"},
+    {CALLHOMECONTRACTID, "callHomeContractId"},
+    {CALLHOMESITEID, "callHomeSiteId"},
+    {CALLHOMEDEVICESERVICEPRIORITY, "callHomeDeviceServicePriority"},
+    {CALLHOMEALERTTEST, "callHomeAlertTest"},
+    {CALLHOMEMESSAGESTATUS, "callHomeMessageStatus"},
+    {CALLHOMEERRORMESSAGE, "callHomeErrorMessage"},
+    {CALLHOMEDESTPROFILEMSGFORMAT, "callHomeDestProfileMsgFormat"},
+    {CALLHOMEDESTPROFILEMAXMSGSIZE, "callHomeDestProfileMaxMsgSize"},
+    {CALLHOMEDESTPROFILETRNSPRTMTHD, "callHomeDestProfileTrnsprtMthd"},
+    {CALLHOMEDESTPROFILESTATUS, "callHomeDestProfileStatus"},
+    {CALLHOMEDESTPROFILEMSGLEVEL, "callHomeDestProfileMsgLevel"},
+    {CALLHOMEALERTGROUPS, "callHomeAlertGroups"},
+    {CALLHOMEDESTPROFILEMAXCOUNT, "callHomeDestProfileMaxCount"},
+    {CALLHOMEDESTEMAILADDRESS, "callHomeDestEmailAddress"},
+    {CALLHOMEDESTEMAILADDRESSSTATUS, "callHomeDestEmailAddressStatus"},
+    {CALLHOMEEMAILFROM, "callHomeEmailFrom"},
+    {CALLHOMEEMAILREPLYTO, "callHomeEmailReplyTo"},
+    {CALLHOMEEMAILMSGDISPNOTIFICATION, "callHomeEmailMsgDispNotification"},
+    {CALLHOMESMTPSERVERADDRTYPE, "callHomeSmtpServerAddrType"},
+    {CALLHOMESMTPSERVERADDR, "callHomeSmtpServerAddr"},
+    {CALLHOMESMTPSERVERPORT, "callHomeSmtpServerPort"},
+    {CALLHOMEALERTGROUPTYPENAME, "callHomeAlertGroupTypeName"},
+    // SMIv2 descriptors begin with a lower-case letter; the object table's spelling begins
+    // with an upper-case one (see the module's DESCRIPTION).
+    {PERIODICSWINVENTORYMSGENABLE, "periodicSwInventoryMsgEnable"},
+    {PERIODICSWINVENTORYTIMEFRAME, "periodicSwInventoryTimeFrame"},
+    {MSGTHROTTLINGENABLE, "msgThrottlingEnable"},
+    {CALLHOMEUSERDEFCLICMDMAXCOUNT, "callHomeUserDefCliCmdMaxCount"},
+    {CALLHOMEUSERDEFCLICMD, "callHomeUserDefCliCmd"},
+    {CALLHOMEUSERDEFCLICMDSTATUS, "callHomeUserDefCliCmdStatus"},
+    {CALLHOMELASTALERTSENTTIME, "callHomeLastAlertSentTime"},
+    {CALLHOMEALERTSSENTCOUNT, "callHomeAlertsSentCount"},
+    {PERIODICSWINVENTORYTIMEOFDAY, "periodicSwInventoryTimeOfDay"},
+};
+
+std::string oid_of(const struct variable7 &v) {
+    std::string s = kRoot;
+    for (int i = 0; i < v.namelen; ++i) {
+        s += "." + std::to_string(v.name[i]);
+    }
+    return s;
+}
+
+// One clause ("SYNTAX", "MAX-ACCESS", "INDEX", "OBJECTS") of snmptranslate -Td output.
+std::string clause(const std::string &td, const std::string &keyword) {
+    std::smatch m;
+    if (std::regex_search(td, m, std::regex("\\n  " + keyword + "\\t+([^\\n]*)"))) {
+        std::string value = m[1];
+        while (!value.empty() && value.back() == ' ') {
+            value.pop_back();
+        }
+        return value;
+    }
+    return "";
+}
+
+bool starts_with(const std::string &s, const std::string &prefix) {
+    return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Whether a MIB syntax (as snmptranslate resolves it to its base type) is encoded with the
+// ASN.1 type that the agent answers with.
+bool syntax_matches(const std::string &syntax, u_char asn_type) {
+    switch (asn_type) {
+    case ASN_INTEGER:
+        return starts_with(syntax, "INTEGER") || starts_with(syntax, "Integer32");
+    case ASN_OCTET_STR:
+        return starts_with(syntax, "OCTET STRING");
+    case ASN_GAUGE: // also ASN_UNSIGNED
+        return starts_with(syntax, "Gauge32") || starts_with(syntax, "Unsigned32");
+    case ASN_TIMETICKS:
+        return starts_with(syntax, "TimeTicks");
+    case ASN_COUNTER:
+        return starts_with(syntax, "Counter32");
+    default:
+        return false;
+    }
+}
+
+TEST(MibDefinition, SmilintReportsNoErrors) {
+    // Levels 0 to 3 are errors; warnings (4 and above) are printed for the reader only.
+    const Result r = run("SMIPATH='" + std::string(BASE_MIB_DIR) + ":" + MIB_DIR + "' " +
+                         SMILINT_PATH + " -l 9 -s " + MIB_DIR + "/CALLHOME-MIB.txt 2>&1");
+    std::cout << r.out;
+    EXPECT_FALSE(std::regex_search(r.out, std::regex(": \\[[0-3]\\] "))) << r.out;
+    // smilint also says so when it can't find an imported module.
+    EXPECT_EQ(r.out.find("failed to locate"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("unknown"), std::string::npos) << r.out;
+}
+
+TEST(MibDefinition, NetSnmpParsesTheModuleWithoutComplaint) {
+    std::string errors;
+    const Result r = translate("-On " + kModule + "::callHomeMIB", &errors);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "." + kRoot);
+    EXPECT_EQ(errors, "");
+}
+
+// Each entry of the object table the agent registers: the MIB has an object of that name at
+// that OID, of a syntax encoded as the agent encodes it, with the access the agent allows;
+// and the OID translates back to the name.
+TEST(MibDefinition, EveryServedObjectHasItsNameOidSyntaxAndAccess) {
+    ASSERT_EQ(kNames.size(), size_t(CALLHOME_MIB_VARIABLE_COUNT));
+    for (const auto &v : callhome_mib_variables) {
+        SCOPED_TRACE("magic " + std::to_string(v.magic));
+        const auto name = kNames.find(v.magic);
+        ASSERT_NE(name, kNames.end());
+        const std::string oid = oid_of(v);
+        EXPECT_EQ(translate("-On " + kModule + "::" + name->second).out, "." + oid);
+        EXPECT_EQ(translate("-OS ." + oid).out, kModule + "::" + name->second);
+
+        const std::string td = translate("-Td " + kModule + "::" + name->second).out;
+        EXPECT_TRUE(syntax_matches(clause(td, "SYNTAX"), v.type))
+            << name->second << ": " << clause(td, "SYNTAX");
+        const std::string access = clause(td, "MAX-ACCESS");
+        if (v.acl == NETSNMP_OLDAPI_RWRITE) {
+            const bool column = v.findVar != get_callhome_mib; // table columns have their own
+            EXPECT_EQ(access, column ? "read-create" : "read-write") << name->second;
+        } else {
+            EXPECT_EQ(access, "read-only") << name->second;
+        }
+    }
+}
+
+// Nothing in the MIB claims an object that the agent does not serve: every accessible
+// object under the module is in the object table.
+TEST(MibDefinition, EveryAccessibleObjectIsServed) {
+    std::set<std::string> served;
+    for (const auto &v : callhome_mib_variables) {
+        served.insert(oid_of(v));
+    }
+    const Result all = translate("-Tz");
+    std::istringstream in(all.out);
+    std::string line;
+    int checked = 0;
+    const std::regex row("^\"([^\"]+)\"\\s+\"(" +
+                         std::regex_replace(kRoot, std::regex("\\."), "\\.") +
+                         "\\.1\\.[0-9.]+)\"$");
+    while (std::getline(in, line)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, row)) {
+            continue;
+        }
+        const std::string td = translate("-Td " + kModule + "::" + m[1].str()).out;
+        const std::string access = clause(td, "MAX-ACCESS");
+        if (access.empty() || access == "not-accessible") {
+            continue;
+        }
+        ++checked;
+        EXPECT_TRUE(served.count(m[2])) << m[1] << " (" << m[2] << ") is not served";
+    }
+    EXPECT_EQ(checked, CALLHOME_MIB_VARIABLE_COUNT);
+}
+
+TEST(MibDefinition, TablesAreIndexedAsTheAgentEncodesRows) {
+    const std::map<std::string, std::string> indexes = {
+        {"callHomeDestProfileEntry", "{ callHomeDestProfileName }"},
+        {"callHomeDestEmailAddressEntry",
+         "{ callHomeDestProfileName, callHomeDestEmailAddressIndex }"},
+        {"callHomeAlertGroupTypeEntry", "{ callHomeAlertGroupTypeIndex }"},
+        {"callHomeUserDefCliCmdEntry",
+         "{ callHomeAlertGroupTypeIndex, callHomeUserDefCliCmdIndex }"},
+    };
+    for (const auto &[entry, index] : indexes) {
+        EXPECT_EQ(clause(translate("-Td " + kModule + "::" + entry).out, "INDEX"), index) << entry;
+    }
+    // The agent serves no index column: all of them are not-accessible.
+    for (const char *index : {"callHomeDestProfileName", "callHomeDestEmailAddressIndex",
+                              "callHomeAlertGroupTypeIndex", "callHomeUserDefCliCmdIndex"}) {
+        EXPECT_EQ(clause(translate("-Td " + kModule + "::" + index).out, "MAX-ACCESS"),
+                  "not-accessible")
+            << index;
+    }
+    // Instance OIDs as the agent builds them: a profile name is its length and its
+    // characters; integer indexes are single arcs.
+    const std::string config = "." + kRoot + ".1.1";
+    EXPECT_EQ(translate("-On '" + kModule + "::callHomeDestProfileMsgFormat.\"p1\"'").out,
+              config + ".12.1.2.2.112.49");
+    EXPECT_EQ(translate("-On '" + kModule + "::callHomeDestEmailAddress.\"p1\".3'").out,
+              config + ".14.1.2.2.112.49.3");
+    EXPECT_EQ(translate("-On " + kModule + "::callHomeAlertGroupTypeName.7").out,
+              config + ".25.1.2.7");
+    EXPECT_EQ(translate("-On " + kModule + "::callHomeUserDefCliCmdStatus.4.2").out,
+              config + ".30.6.1.3.4.2");
+    EXPECT_EQ(translate("-OS " + config + ".14.1.3.2.112.49.3").out,
+              kModule + "::callHomeDestEmailAddressStatus.\"p1\".3");
+}
+
+TEST(MibDefinition, NotificationsCarryTheAlertGroupTypeName) {
+    for (const auto &[name, arc] : std::map<std::string, int>{
+             {"callHomeAlertGroupTypeAdded", 2}, {"callHomeAlertGroupTypeDeleted", 3}}) {
+        const std::string oid = "." + kRoot + ".0." + std::to_string(arc);
+        EXPECT_EQ(translate("-On " + kModule + "::" + name).out, oid);
+        EXPECT_EQ(translate("-OS " + oid).out, kModule + "::" + name);
+        EXPECT_EQ(clause(translate("-Td " + kModule + "::" + name).out, "OBJECTS"),
+                  "{ callHomeAlertGroupTypeName }")
+            << name;
+    }
+}
+
+TEST(MibDefinition, RangesOfWritableObjects) {
+    const std::map<std::string, std::string> ranges = {
+        {"callHomeDestProfileMsgLevel", "Integer32 (1..10)"},
+        {"callHomeDestProfileMaxMsgSize", "Gauge32 (0..1000000)"},
+        {"callHomeDestProfileMsgFormat", "INTEGER {fullText(1), xml(2), shortText(3)}"},
+        {"callHomeDestProfileTrnsprtMthd", "INTEGER {email(1)}"},
+        {"callHomeDeviceServicePriority", "Integer32 (1..8)"},
+        {"periodicSwInventoryTimeFrame", "Gauge32 (1..30)"},
+        {"callHomeSmtpServerPort", "Gauge32 (0..65535)"},
+        {"callHomeAlertGroups", "OCTET STRING (0..8)"},
+        {"callHomeUserDefCliCmd", "OCTET STRING (0..599)"},
+        {"callHomeAlertTest", "INTEGER {noAction(1), test(2), inventory(3)}"},
+    };
+    for (const auto &[name, syntax] : ranges) {
+        EXPECT_EQ(clause(translate("-Td " + kModule + "::" + name).out, "SYNTAX"), syntax) << name;
+    }
+}
+
+} // namespace
