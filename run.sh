@@ -13,7 +13,7 @@ ROOT_OID=1.3.6.1.4.1.32473.9.300
 
 # Debian packages the project builds, tests and runs with.
 PACKAGES=(cmake g++ make pkg-config libsnmp-dev snmpd snmp snmptrapd libsqlite3-dev sqlite3
-    libgtest-dev libgmock-dev)
+    libgtest-dev libgmock-dev smitools)
 
 log() { printf '%s\n' "$*" >&2; }
 die() {
