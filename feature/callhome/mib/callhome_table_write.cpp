@@ -31,8 +31,11 @@ constexpr size_t kProfilePrefixLen = 14;
 constexpr size_t kEmailPrefixLen = 14;
 constexpr size_t kUserCmdPrefixLen = 15;
 
-/* The agent hands INTEGER and Gauge32 values over as a C long (val_len is sizeof(long)). */
-constexpr size_t kIntegerMaxLen = sizeof(long);
+/* The agent hands INTEGER and Gauge32 values over as a C long; a 32-bit value is accepted as
+ * well. */
+bool integer_length_ok(size_t len) {
+    return len <= sizeof(int32_t) || len == sizeof(long);
+}
 
 constexpr int kWriteWait = 10;
 constexpr int kSetErrorCode = 472;
@@ -46,12 +49,12 @@ long integer_value(const u_char *var_val, size_t var_val_len) {
     if (var_val == nullptr) {
         return 0;
     }
-    if (var_val_len == sizeof(int32_t)) {
-        int32_t v;
+    if (var_val_len == sizeof(long)) {
+        long v;
         std::memcpy(&v, var_val, sizeof v);
         return v;
     }
-    long v = 0;
+    int32_t v = 0;
     std::memcpy(&v, var_val, std::min(var_val_len, sizeof v));
     return v;
 }
@@ -571,8 +574,8 @@ struct UserCmdTable {
                        row.alertgroup_type, row.index);
     }
     /* A command row is created only together with its command. */
-    static int complete_new_row(const char *fn, Row &, bool listed) {
-        if (!listed) {
+    static int complete_new_row(const char *fn, Row &row, bool listed) {
+        if (!listed || row.cli_cmd[0] == '\0') {
             note("%s : user_def_cmd NOT set \n", fn);
             return SNMP_ERR_INCONSISTENTVALUE;
         }
@@ -665,7 +668,7 @@ int row_status_reserve1(const char *fn, const u_char *var_val, u_char var_val_ty
         note(T::kWrongType, fn, T::kCheckLevel);
         return SNMP_ERR_WRONGTYPE;
     }
-    if (var_val_len > kIntegerMaxLen) {
+    if (!integer_length_ok(var_val_len)) {
         note(T::kWrongLength, fn, T::kCheckLevel);
         return SNMP_ERR_WRONGLENGTH;
     }
@@ -847,7 +850,7 @@ int profile_column_reserve1(const ProfileColumn &c, const char *fn, const u_char
         note(c.wrong_type, fn);
         return SNMP_ERR_WRONGTYPE;
     }
-    if (var_val_len > kIntegerMaxLen) {
+    if (!integer_length_ok(var_val_len)) {
         note(c.bad_length, fn);
         return SNMP_ERR_WRONGLENGTH;
     }
@@ -895,16 +898,18 @@ int profile_column_reserve2(const ProfileColumn &c, const char *fn, long value, 
     return SNMP_ERR_NOERROR;
 }
 
-/* An existing row is modified by sending it back whole with the one field changed. */
+/* An existing row is modified by sending it back whole with the one field changed. A row
+ * created in this request is sent once, complete, by the RowStatus column's ACTION (whichever
+ * varbind comes first), so it is not sent again here. */
 int profile_column_action(const ProfileColumn &c, const char *fn, long value, const oid *name,
                           size_t name_len) {
     ProfileRow row{};
     int status = read_profile(name, name_len, &row);
+    if (find_row(callHomeDestProfileEntry_list, row) != nullptr) {
+        return SNMP_ERR_NOERROR;
+    }
     if (status == CALLHOME_UNKNOWN_ENTRY) {
-        /* Unknown to the service but created by this request: the RowStatus column's ACTION
-         * sends the row with this value, whichever varbind comes first. */
-        return find_row(callHomeDestProfileEntry_list, row) != nullptr ? SNMP_ERR_NOERROR
-                                                                       : SNMP_ERR_NOSUCHNAME;
+        return SNMP_ERR_NOSUCHNAME;
     }
     if (status != 0 || c.trace_send == nullptr) {
         return SNMP_ERR_NOERROR;
