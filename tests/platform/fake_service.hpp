@@ -128,6 +128,11 @@ class FakeService {
                                  [&] { return subscribers_.size() == n; });
     }
 
+    size_t subscribers() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return subscribers_.size();
+    }
+
     // Pushes a notification to every subscriber.
     void notify(int32_t id, const Bytes &payload) {
         fr::Frame f;

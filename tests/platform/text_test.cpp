@@ -109,9 +109,11 @@ TEST(Syserr, StatusTexts) {
     for (uint32_t unknown : {0u, 1u, 0x403B0000u, 0x403B000Au, 0x403B0042u, 0xFFFFFFFFu}) {
         EXPECT_EQ(syserr2str(unknown), nullptr) << unknown;
     }
-    EXPECT_STREQ(syserr_format(ENOENT), std::strerror(ENOENT));
-    EXPECT_STREQ(syserr_format(1), std::strerror(1));
-    EXPECT_STREQ(syserr_format(4095), std::strerror(4095));
+    // strerror's own buffer may be reused by the next call, so its text is copied first.
+    for (int err : {1, ENOENT, ETIME, 4095}) {
+        const std::string expected = std::strerror(err);
+        EXPECT_EQ(syserr_format(uint32_t(err)), expected);
+    }
     EXPECT_STREQ(syserr_format(4096), "unknown error 0x00001000");
     EXPECT_STREQ(syserr_format(0), "unknown error 0x00000000");
     EXPECT_STREQ(syserr_format(0xFFFFFFFF), "unknown error 0xffffffff");
