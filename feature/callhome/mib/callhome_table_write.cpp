@@ -1040,6 +1040,17 @@ struct AlertGroupSet {
     uint8_t bits[sizeof(mibAlertGroup_t::bitset)];
 };
 
+/* The known types: the registry's count, but never past its terminator (a refresh that finds
+ * no type leaves the old count behind). */
+uint32_t known_type_count() {
+    const uint32_t limit = std::min<uint32_t>(alertgroup_type_count, CALLHOME_MAX_ALERTGROUP_TYPES);
+    uint32_t n = 0;
+    while (n < limit && alertgroup_types[n].index != UINT32_MAX) {
+        ++n;
+    }
+    return n;
+}
+
 void send_alertgroup(int msg_type, const char *profile, const char *group) {
     callHomeAlertGroupEntry_t entry;
     std::memset(&entry, 0, sizeof entry);
@@ -1258,7 +1269,7 @@ int set_callhome_alertgroups(int action, u_char *var_val, u_char var_val_type, s
     const void *old_set = &mibAlertGroup.bitset_size;
     char profile[sizeof mibAlertGroup.destination_profile_id];
     copy_text(profile, mibAlertGroup.destination_profile_id);
-    uint32_t count = std::min<uint32_t>(alertgroup_type_count, CALLHOME_MAX_ALERTGROUP_TYPES);
+    const uint32_t count = known_type_count();
 
     if (is_all_alertgroup_types_set(&wanted)) {
         if (is_all_alertgroup_types_set(old_set)) {
