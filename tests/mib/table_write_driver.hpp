@@ -201,6 +201,58 @@ inline SetResult run_set(std::vector<Varbind> vbs) {
     return SetRequest(std::move(vbs)).run();
 }
 
+// A GET of one column instance through the module's read handler; false when it has none.
+inline bool read_column(const Oid &name, std::vector<u_char> &value) {
+    for (const auto &v : callhome_mib_variables) {
+        Oid full = root_oid();
+        full.insert(full.end(), v.name, v.name + v.namelen);
+        if (name.size() < full.size() || !std::equal(full.begin(), full.end(), name.begin())) {
+            continue;
+        }
+        variable vp{};
+        vp.magic = v.magic;
+        vp.type = v.type;
+        vp.acl = v.acl;
+        vp.findVar = v.findVar;
+        vp.namelen = u_char(full.size());
+        std::copy(full.begin(), full.end(), vp.name);
+        oid buf[MAX_OID_LEN];
+        size_t len = name.size();
+        std::copy(name.begin(), name.end(), buf);
+        size_t var_len = 0;
+        WriteMethod *wm = nullptr;
+        const u_char *p = v.findVar(&vp, buf, &len, 1, &var_len, &wm);
+        if (p == nullptr) {
+            return false;
+        }
+        value.assign(p, p + var_len);
+        return true;
+    }
+    return false;
+}
+
+// An INTEGER or Gauge32 column read back; -1 when the instance doesn't exist.
+inline long read_number(const Oid &name) {
+    std::vector<u_char> v;
+    if (!read_column(name, v) || v.size() < sizeof(int32_t)) {
+        return -1;
+    }
+    if (v.size() == sizeof(long)) {
+        long n;
+        std::memcpy(&n, v.data(), sizeof n);
+        return n;
+    }
+    int32_t n;
+    std::memcpy(&n, v.data(), sizeof n);
+    return n;
+}
+
+// A text column read back; "<none>" when the instance doesn't exist.
+inline std::string read_text(const Oid &name) {
+    std::vector<u_char> v;
+    return read_column(name, v) ? std::string(v.begin(), v.end()) : "<none>";
+}
+
 // Calls one write handler in one phase, outside a request.
 inline int write_phase(WriteMethod *method, int action, const Varbind &vb,
                        u_char *statP = nullptr) {
