@@ -144,6 +144,21 @@ class Process {
     pid_t pid_ = -1;
 };
 
+// How the module runs: loaded into snmpd (dlmod), or as the callhome-agentx subagent of an
+// snmpd that is AgentX master. The tests talk to snmpd's UDP port either way.
+enum class AgentMode { Dlmod, AgentX };
+
+inline std::string mode_name(AgentMode mode) { return mode == AgentMode::Dlmod ? "dlmod" : "agentx"; }
+
+inline std::string agentx_path() {
+#ifdef AGENTX_PATH
+    return AGENTX_PATH;
+#else
+    // Built beside callhomed.
+    return (fs::path(CALLHOMED_PATH).parent_path() / "callhome-agentx").string();
+#endif
+}
+
 class AgentEnv : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -161,10 +176,12 @@ class AgentEnv : public ::testing::Test {
     void TearDown() override {
         platform::disconnect();
         trapd_.stop();
+        subagent_.stop();
         agent_.stop();
         service_.stop();
         if (::testing::Test::HasFailure()) {
-            for (const char *log : {"/snmpd.log", "/callhomed.log", "/snmptrapd.log"}) {
+            for (const char *log :
+                 {"/snmpd.log", "/callhomed.log", "/snmptrapd.log", "/callhome-agentx.log"}) {
                 std::ifstream f(dir_ + log);
                 std::stringstream s;
                 s << f.rdbuf();
@@ -184,17 +201,42 @@ class AgentEnv : public ::testing::Test {
     void stop_service() { service_.stop(); }
     void kill_service() { service_.kill(SIGKILL); }
 
-    // Starts snmpd with the module. `extra` lines go into its configuration.
+    // Starts snmpd with the module (in agent_mode_). `extra` lines go into its configuration.
     void start_agent(const std::string &extra = "") {
         const std::string conf = dir_ + "/snmpd.conf";
         std::ofstream c(conf);
         c << "agentAddress udp:127.0.0.1:" << port_ << "\n"
           << "rocommunity public 127.0.0.1\n"
           << "rwcommunity private 127.0.0.1\n"
-          << "trap2sink 127.0.0.1:" << trap_port_ << " public\n"
-          << "dlmod callhome_mib " << MODULE_PATH << "\n"
-          << extra;
+          << "trap2sink 127.0.0.1:" << trap_port_ << " public\n";
+        if (agent_mode_ == AgentMode::Dlmod) {
+            c << "dlmod callhome_mib " << MODULE_PATH << "\n";
+        } else {
+            // The module may wait up to 10 s for the service; the master must wait as long.
+            c << "master agentx\n"
+              << "agentXSocket " << agentx_socket() << "\n"
+              << "agentXTimeout 15\n";
+        }
+        c << extra;
         c.close();
+        start_snmpd();
+        if (agent_mode_ == AgentMode::AgentX) {
+            start_subagent();
+        }
+        ASSERT_TRUE(eventually([&] {
+            return snmp("snmpget", std::string(kRoot) + ".1.1.13.0").out.find("Gauge32: 50") !=
+                   std::string::npos;
+        })) << "snmpd with the module (" << mode_name(agent_mode_) << ") did not answer";
+    }
+    void stop_agent() {
+        subagent_.stop();
+        agent_.stop();
+    }
+
+    // snmpd alone, with the configuration start_agent wrote; in AgentX mode a restart leaves
+    // the subagent running, which has to reconnect.
+    void start_snmpd() {
+        const std::string conf = dir_ + "/snmpd.conf";
         fs::create_directories(dir_ + "/persist");
         std::map<std::string, std::string> env{{"CALLHOME_SOCKET", socket_},
                                                {"SNMP_PERSISTENT_DIR", dir_ + "/persist"},
@@ -206,12 +248,17 @@ class AgentEnv : public ::testing::Test {
 #endif
         agent_ = Process({SNMPD_PATH, "-f", "-C", "-c", conf, "-Lf", dir_ + "/snmpd.log", "-Dcallhome"},
                          env, dir_ + "/snmpd.out");
-        ASSERT_TRUE(eventually([&] {
-            return snmp("snmpget", std::string(kRoot) + ".1.1.13.0").out.find("Gauge32: 50") !=
-                   std::string::npos;
-        })) << "snmpd with the module did not answer";
     }
-    void stop_agent() { agent_.stop(); }
+    void stop_snmpd() { agent_.stop(); }
+
+    std::string agentx_socket() const { return dir_ + "/agentx.sock"; }
+
+    void start_subagent() {
+        // A ping every second: a restarted master gets the subagent back quickly.
+        subagent_ = Process({agentx_path(), "-f", "-x", agentx_socket(), "-i", "1", "-Lf",
+                             dir_ + "/callhome-agentx.log", "-D", "callhome"},
+                            {{"CALLHOME_SOCKET", socket_}}, dir_ + "/callhome-agentx.out");
+    }
 
     void start_trapd() {
         const std::string conf = dir_ + "/snmptrapd.conf";
@@ -300,6 +347,8 @@ class AgentEnv : public ::testing::Test {
     std::string dir_, socket_, db_;
     int port_ = 0, trap_port_ = 0;
     Process service_, agent_, trapd_;
+    AgentMode agent_mode_ = AgentMode::Dlmod;
+    Process subagent_; // AgentX mode only
 };
 
 // The lines "OID = TYPE: value" of a tool's output, as (oid, "TYPE: value").
