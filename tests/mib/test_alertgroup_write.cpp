@@ -44,7 +44,7 @@ class AlertGroupWrite : public ::testing::Test {
             EXPECT_EQ(r.record.size(), sizeof(callHomeAlertGroupEntry_t));
             const auto e = FakeChannel::as<callHomeAlertGroupEntry_t>(r);
             EXPECT_STREQ(e.destination_profile_id, "p1");
-            EXPECT_EQ(e.word, 0u);
+            EXPECT_EQ(uint32_t(e.word), 0u);
             EXPECT_EQ(e.request_flag, 0);
             out.emplace_back(r.msg_type, e.alert_group);
         }

@@ -143,8 +143,8 @@ TEST_F(TableWrite, CreateAndGoSendsOneDefaultedRow) {
         EXPECT_EQ(w[0].record, profile_wire(c.expected));
         ASSERT_EQ(model.profiles.count("p1"), 1u);
         const auto &stored = model.profiles["p1"];
-        EXPECT_EQ(stored.format_method, c.expected.format_method);
-        EXPECT_EQ(stored.maximum_message_size, c.expected.maximum_message_size);
+        EXPECT_EQ(int(stored.format_method), int(c.expected.format_method));
+        EXPECT_EQ(uint32_t(stored.maximum_message_size), uint32_t(c.expected.maximum_message_size));
         EXPECT_EQ(stored.msg_level, c.expected.msg_level);
         expect_containers_empty();
     }
@@ -162,7 +162,7 @@ TEST_F(TableWrite, ColumnWriteResendsTheWholeExistingRow) {
     forget();
     ASSERT_EQ(run_set({Varbind::gauge(profile_oid(kMaxSize, "p1"), 1000000)}).status, 0);
     ASSERT_EQ(sent().size(), 1u);
-    EXPECT_EQ(model.profiles["p1"].maximum_message_size, 1000000u);
+    EXPECT_EQ(uint32_t(model.profiles["p1"].maximum_message_size), 1000000u);
 }
 
 TEST_F(TableWrite, ActiveResendsAndDestroyDeletesAnExistingRow) {
@@ -688,13 +688,56 @@ TEST_F(TableWrite, CommandDestroyAndUndo) {
     EXPECT_EQ(w[2].msg_type, SET_REQ); // UNDO of the destroy
     EXPECT_EQ(command_from_wire(w[2].record).cli_cmd, std::string("show clock"));
     EXPECT_EQ(w[3].msg_type, DELETE_REQ); // UNDO of the creation
-    EXPECT_EQ(command_from_wire(w[3].record).index, 1);
+    EXPECT_EQ(int(command_from_wire(w[3].record).index), 1);
     EXPECT_EQ(model.commands.size(), 1u);
     EXPECT_EQ(std::string(model.commands[{"Configuration", 2}].cli_cmd), "show clock");
 
     forget();
     ASSERT_EQ(run_set({command_status(1, 2, RS_DESTROY)}).status, 0);
     EXPECT_TRUE(model.commands.empty());
+}
+
+} // namespace
+} // namespace callhome_test
+
+namespace callhome_test {
+namespace {
+
+bool traced(int level, const std::string &text) {
+    for (const auto &[l, t] : platform::trace_history()) {
+        if (l == level && t == text) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST_F(TableWrite, TracesNameTheHandlerAndTheStep) {
+    platform::clear_trace_history();
+    ASSERT_EQ(run_set({status_vb("p1", RS_CREATEANDGO)}).status, 0);
+    const std::string fn = "set_callHomeDestProfileStatus";
+    EXPECT_TRUE(
+        traced(101, fn + " : Added entry (profile = p1 ) to callHomeDestProfileEntry_list\n"));
+    EXPECT_TRUE(traced(101, fn + " : RESERVE1 -- done \n"));
+    EXPECT_TRUE(traced(101, fn + " : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"));
+    EXPECT_TRUE(traced(
+        101, fn + " : Retrieve  entry (profile = p1 ),from callHomeDestProfileEntry_list\n"));
+    EXPECT_TRUE(traced(
+        101, fn + " : max msg size not set for entry (profile = p1) set the default value \n"));
+    EXPECT_TRUE(traced(101, fn + " : ACTION -- sending SET REQ \n"));
+
+    platform::clear_trace_history();
+    platform::fail_next_indxobj_add();
+    ASSERT_EQ(run_set({status_vb("p2", RS_CREATEANDGO)}).status, SNMP_ERR_GENERR);
+    EXPECT_TRUE(traced(
+        100, fn + " : Adding to entry (profile = p2 )to callHomeDestProfileEntry_list failed\n"));
+    EXPECT_TRUE(traced(101, fn + " : In FREE:\n"));
+
+    platform::clear_trace_history();
+    ASSERT_EQ(run_set({Varbind::integer(email_oid(kEmailStatus, "p1", 4), RS_CREATEANDGO)}).status,
+              SNMP_ERR_INCONSISTENTVALUE);
+    EXPECT_TRUE(traced(101, "set_callHomeDestEmailAddressStatus : Email Address not set for entry "
+                            "(profile = p1,index= 4) Returning SNMP_ERR_INCONSISTENTVALUE\n"));
 }
 
 } // namespace
