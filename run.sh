@@ -30,10 +30,13 @@ usage: ./run.sh COMMAND
   stop          stop what start started
   status        show whether the service and the agent are running
   ctl ARGS...   run callhomectl against the running service
+  mibs          print the environment that lets net-snmp's tools use CALLHOME-MIB names:
+                eval "\$(./run.sh mibs)"
 
 Environment: CALLHOME_STATE_DIR (default ./var), CALLHOME_SNMP_PORT (1161),
 CALLHOME_TRAP_PORT (1162), CALLHOME_BUILD_DIR (./build), CALLHOME_SANITIZE=1 (test with
-ASan+UBSan), CALLHOME_MODE (dlmod).
+ASan+UBSan), CALLHOME_MODE (dlmod: snmpd loads the module; agentx: snmpd is AgentX master and
+the module runs in callhome-agentx).
 EOF
 }
 
@@ -96,6 +99,9 @@ state_paths() {
     SERVICE_PID=$STATE_DIR/callhomed.pid
     AGENT_PID=$STATE_DIR/snmpd.pid
     AGENT_CONF=$STATE_DIR/snmpd.conf
+    SUBAGENT_PID=$STATE_DIR/callhome-agentx.pid
+    AGENTX_SOCKET=$STATE_DIR/agentx.sock
+    MODE_FILE=$STATE_DIR/agent.mode
 }
 
 ctl() { "$BUILD_DIR/bin/callhomectl" --socket "$SOCKET" "$@"; }
@@ -107,19 +113,37 @@ agentAddress udp:127.0.0.1:$SNMP_PORT
 rocommunity public 127.0.0.1 $ROOT_OID
 rwcommunity private 127.0.0.1 $ROOT_OID
 trap2sink 127.0.0.1:$TRAP_PORT public
-dlmod callhome_mib $BUILD_DIR/lib/libcallhomemib.so
 EOF
+    if [[ $MODE == agentx ]]; then
+        # The module may wait up to 10 s for the service; the master waits as long.
+        printf '%s\n' "master agentx" "agentXSocket $AGENTX_SOCKET" "agentXTimeout 15" >>"$AGENT_CONF"
+    else
+        echo "dlmod callhome_mib $BUILD_DIR/lib/libcallhomemib.so" >>"$AGENT_CONF"
+    fi
+}
+
+running_mode() { cat "$MODE_FILE" 2>/dev/null || echo dlmod; }
+
+agent_running() {
+    pid_alive "$AGENT_PID" || return 1
+    [[ $(running_mode) != agentx ]] || pid_alive "$SUBAGENT_PID"
 }
 
 cmd_start() {
-    [[ $MODE == dlmod ]] || die "CALLHOME_MODE=$MODE is not supported (dlmod)"
+    [[ $MODE == dlmod || $MODE == agentx ]] ||
+        die "CALLHOME_MODE=$MODE is not supported (dlmod or agentx)"
     state_paths
-    if pid_alive "$SERVICE_PID" && pid_alive "$AGENT_PID"; then
+    if pid_alive "$AGENT_PID" && [[ $(running_mode) != "$MODE" ]]; then
+        die "the agent runs in $(running_mode) mode; ./run.sh stop first"
+    fi
+    if pid_alive "$SERVICE_PID" && agent_running; then
         log "call-home service and agent already running (state in $STATE_DIR)"
         return 0
     fi
     ensure_packages
-    build --target callhomed callhomectl callhomemib >/dev/null
+    local targets=(callhomed callhomectl callhomemib)
+    [[ $MODE == agentx ]] && targets+=(callhome-agentx)
+    build --target "${targets[@]}" >/dev/null
 
     if ! pid_alive "$SERVICE_PID"; then
         "$BUILD_DIR/bin/callhomed" --socket "$SOCKET" --db "$DB" --pidfile "$SERVICE_PID" \
@@ -135,14 +159,29 @@ cmd_start() {
         CALLHOME_SOCKET=$SOCKET SNMP_PERSISTENT_DIR=$STATE_DIR/snmp MIBS= \
             snmpd -C -c "$AGENT_CONF" -Lf "$STATE_DIR/snmpd.log" -p "$AGENT_PID" \
             </dev/null >/dev/null 2>&1 || die "snmpd failed to start; see $STATE_DIR/snmpd.log"
+        echo "$MODE" >"$MODE_FILE"
+        if [[ $MODE == dlmod ]]; then
+            wait_for 10 snmpget -v2c -c public -r 0 -t 1 "127.0.0.1:$SNMP_PORT" "$ROOT_OID.1.1.13.0" ||
+                die "snmpd does not answer on 127.0.0.1:$SNMP_PORT; see $STATE_DIR/snmpd.log"
+        fi
+    fi
+
+    if [[ $MODE == agentx ]] && ! pid_alive "$SUBAGENT_PID"; then
+        wait_for 10 test -S "$AGENTX_SOCKET" ||
+            die "snmpd opened no AgentX socket; see $STATE_DIR/snmpd.log"
+        # It goes to the background itself once it is set up; traces go to its log.
+        "$BUILD_DIR/bin/callhome-agentx" -x "$AGENTX_SOCKET" -s "$SOCKET" -p "$SUBAGENT_PID" \
+            -Lf "$STATE_DIR/callhome-agentx.log" -D callhome </dev/null >/dev/null 2>&1 ||
+            die "callhome-agentx failed to start; see $STATE_DIR/callhome-agentx.log"
         wait_for 10 snmpget -v2c -c public -r 0 -t 1 "127.0.0.1:$SNMP_PORT" "$ROOT_OID.1.1.13.0" ||
-            die "snmpd does not answer on 127.0.0.1:$SNMP_PORT; see $STATE_DIR/snmpd.log"
+            die "the subagent does not answer through snmpd; see $STATE_DIR/callhome-agentx.log"
     fi
 
     cat <<EOF
 call-home service: pid $(cat "$SERVICE_PID"), socket $SOCKET, database $DB
 SNMP agent:        pid $(cat "$AGENT_PID"), udp 127.0.0.1:$SNMP_PORT (communities public/private),
-                   notifications to 127.0.0.1:$TRAP_PORT
+                   notifications to 127.0.0.1:$TRAP_PORT, module $(running_mode)
+$([[ $(running_mode) == agentx ]] && echo "AgentX subagent:   pid $(cat "$SUBAGENT_PID"), master socket $AGENTX_SOCKET")
 logs and state:    $STATE_DIR
 
 Try:  snmpwalk -v2c -c public 127.0.0.1:$SNMP_PORT $ROOT_OID
@@ -164,7 +203,10 @@ stop_pid() { # pidfile name
 
 cmd_stop() {
     state_paths
+    # The pid files name what start started, whichever mode it was.
+    stop_pid "$SUBAGENT_PID" callhome-agentx
     stop_pid "$AGENT_PID" snmpd
+    rm -f "$MODE_FILE"
     stop_pid "$SERVICE_PID" callhomed
 }
 
@@ -179,6 +221,14 @@ cmd_status() {
         echo "snmpd: stopped"
         rc=1
     fi
+    if [[ $(running_mode) == agentx ]]; then
+        if pid_alive "$SUBAGENT_PID"; then
+            echo "callhome-agentx: running (pid $(cat "$SUBAGENT_PID"))"
+        else
+            echo "callhome-agentx: stopped"
+            rc=1
+        fi
+    fi
     return $rc
 }
 
@@ -188,11 +238,21 @@ cmd_ctl() {
     exec "$BUILD_DIR/bin/callhomectl" --socket "$SOCKET" "$@"
 }
 
+# net-snmp's tools find CALLHOME-MIB and the IETF base modules it imports (Debian's main
+# archive does not ship those; the npm package net-snmp carries them).
+cmd_mibs() {
+    local base=$BUILD_DIR/npm
+    "$ROOT/mibs/fetch-base-mibs.sh" "$base" >/dev/null || die "could not fetch the base MIB modules"
+    printf "export MIBDIRS='+%s'\n" "$ROOT/mibs:$base/node_modules/net-snmp/lib/mibs"
+    printf "export MIBS='SNMPv2-MIB:CALLHOME-MIB'\n"
+}
+
 case ${1:-} in
 test) cmd_test ;;
 start) cmd_start ;;
 stop) cmd_stop ;;
 status) cmd_status ;;
+mibs) cmd_mibs ;;
 ctl)
     shift
     cmd_ctl "$@"
