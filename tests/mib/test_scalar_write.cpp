@@ -158,7 +158,7 @@ TEST_F(ScalarWrite, SetTableObjects) {
         EXPECT_THAT(text, ::testing::Not(HasSubstr("Setting")));
     }
 
-    // No special case for refused input.
+    // Refused input is treated like any other failure here.
     channel.answer_status(CALLHOME_ERR_INVALID_INPUT);
     EXPECT_EQ(setTableObjects(CALLHOME_DEST_PROFILE_OPC, &row, sizeof row), SNMP_ERR_GENERR);
     EXPECT_EQ(platform::last_set_error(), std::make_pair(int{CALLHOME_ERR_INVALID_INPUT}, 472));
