@@ -1,0 +1,29 @@
+# The Debian package: everything `cmake --install` installs. Configure with
+# -DCMAKE_INSTALL_PREFIX=/usr for a package that installs under /usr (the units name the
+# programs by their installed paths).
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME callhome)
+set(CPACK_PACKAGE_VENDOR "callhome project")
+set(CPACK_PACKAGE_CONTACT "callhome developers <dev@callhome.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "call-home MIB module for net-snmp agents, with its service")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+    "The call-home MIB module (enterprise 32473, subtree 9.300) for net-snmp agents on Linux:\n"
+    " libcallhomemib for snmpd's dlmod, the callhome-agentx AgentX subagent, the call-home\n"
+    " service callhomed with its admin tool callhomectl, CALLHOME-MIB and systemd units.")
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+    "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libsnmp40 (>= 5.9.3), libsqlite3-0 (>= 3.40), snmpd")
+
+# snmpd's configuration snippet is the administrator's once installed.
+file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles
+    "${CMAKE_INSTALL_FULL_SYSCONFDIR}/snmp/snmpd.conf.d/callhome.conf\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_LIST_DIR}/debian/postinst
+    ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
+    ${CMAKE_CURRENT_LIST_DIR}/debian/postrm
+    ${CMAKE_BINARY_DIR}/packaging/conffiles)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
+include(CPack)
