@@ -1,7 +1,6 @@
 // Reads through a real snmpd: every scalar, walk order, service outages, module reload.
 #include "agent_env.hpp"
 
-
 namespace agent_test {
 namespace {
 
@@ -71,12 +70,12 @@ TEST_F(AgentRead, EveryScalarReadsTheServiceValue) {
 
 TEST_F(AgentRead, FirstStartDefaultsAndUnsetTexts) {
     start_agent();
-    EXPECT_NE(get(R + ".1.1.1.0").find("INTEGER: 2"), std::string::npos);    // service off
-    EXPECT_NE(get(R + ".1.1.2.0").find("= \"\""), std::string::npos);        // never set
-    EXPECT_NE(get(R + ".1.1.8.0").find("INTEGER: 8"), std::string::npos);    // unset priority
-    EXPECT_NE(get(R + ".1.1.18.0").find("INTEGER: 16"), std::string::npos);  // DNS name
+    EXPECT_NE(get(R + ".1.1.1.0").find("INTEGER: 2"), std::string::npos);   // service off
+    EXPECT_NE(get(R + ".1.1.2.0").find("= \"\""), std::string::npos);       // never set
+    EXPECT_NE(get(R + ".1.1.8.0").find("INTEGER: 8"), std::string::npos);   // unset priority
+    EXPECT_NE(get(R + ".1.1.18.0").find("INTEGER: 16"), std::string::npos); // DNS name
     EXPECT_NE(get(R + ".1.1.20.0").find("Gauge32: 25"), std::string::npos);
-    EXPECT_NE(get(R + ".1.1.29.0").find("INTEGER: 1"), std::string::npos);   // throttling on
+    EXPECT_NE(get(R + ".1.1.29.0").find("INTEGER: 1"), std::string::npos); // throttling on
     EXPECT_NE(get(R + ".1.1.33.1.0").find("\"08:00\""), std::string::npos);
 }
 
@@ -98,12 +97,12 @@ TEST_F(AgentRead, WalkReturnsEveryObjectOnceInOidOrder) {
         }
         return -1L;
     };
-    for (const char *scalar : {".1.1.1.0", ".1.1.2.0", ".1.1.3.0", ".1.1.4.0", ".1.1.5.0",
-                               ".1.1.6.0", ".1.1.7.0", ".1.1.8.0", ".1.1.9.0", ".1.1.10.0",
-                               ".1.1.11.0", ".1.1.13.0", ".1.1.15.0", ".1.1.16.0", ".1.1.17.0",
-                               ".1.1.18.0", ".1.1.19.0", ".1.1.20.0", ".1.1.27.0", ".1.1.28.0",
-                               ".1.1.29.0", ".1.1.30.5.0", ".1.1.33.1.0", ".1.2.1.0",
-                               ".1.2.2.0"}) {
+    for (const char *scalar :
+         {".1.1.1.0",  ".1.1.2.0",    ".1.1.3.0",    ".1.1.4.0",  ".1.1.5.0",
+          ".1.1.6.0",  ".1.1.7.0",    ".1.1.8.0",    ".1.1.9.0",  ".1.1.10.0",
+          ".1.1.11.0", ".1.1.13.0",   ".1.1.15.0",   ".1.1.16.0", ".1.1.17.0",
+          ".1.1.18.0", ".1.1.19.0",   ".1.1.20.0",   ".1.1.27.0", ".1.1.28.0",
+          ".1.1.29.0", ".1.1.30.5.0", ".1.1.33.1.0", ".1.2.1.0",  ".1.2.2.0"}) {
         EXPECT_GE(position(scalar), 0) << scalar << " missing from the walk";
     }
     // The time of day sits between the command table and the status group.

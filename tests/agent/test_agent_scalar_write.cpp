@@ -20,18 +20,17 @@ class AgentScalarWrite : public AgentEnv {
             return r.status == 0 ? "noError" : r.out;
         }
         const auto end = r.out.find_first_of(" \n", at + 8);
-        return r.out.substr(at + 8, end - at - 8);
+        const std::string name = r.out.substr(at + 8, end - at - 8);
+        return name == "(genError)" ? "genErr" : name; // net-snmp's own spelling of genErr
     }
 };
 
 TEST_F(AgentScalarWrite, SeveralVariablesInOneRequestAllReachTheService) {
-    const auto r = set(R + ".1.1.5.0 s C-17 " + R + ".1.1.6.0 s K-9 " + R +
-                       ".1.1.7.0 s 'lab 3' " + R + ".1.1.8.0 i 6");
+    const auto r = set(R + ".1.1.5.0 s C-17 " + R + ".1.1.6.0 s K-9 " + R + ".1.1.7.0 s 'lab 3' " +
+                       R + ".1.1.8.0 i 6");
     ASSERT_EQ(reason(r), "noError") << r.out;
-    const auto vbs =
-        varbinds(snmp("snmpget", R + ".1.1.5.0 " + R + ".1.1.6.0 " + R + ".1.1.7.0 " + R +
-                                     ".1.1.8.0")
-                     .out);
+    const auto vbs = varbinds(
+        snmp("snmpget", R + ".1.1.5.0 " + R + ".1.1.6.0 " + R + ".1.1.7.0 " + R + ".1.1.8.0").out);
     ASSERT_EQ(vbs.size(), 4u);
     EXPECT_EQ(vbs[0].second, "STRING: \"C-17\"");
     EXPECT_EQ(vbs[1].second, "STRING: \"K-9\"");
@@ -47,12 +46,12 @@ TEST_F(AgentScalarWrite, RefusalsCarryTheirStatusAndChangeNothing) {
         std::string args, status;
     };
     const std::vector<Case> cases = {
-        {".1.1.7.0 s ' lab'", "wrongValue"},            // leading space
-        {".1.1.7.0 s 'lab '", "wrongValue"},            // trailing space
+        {".1.1.7.0 s ' lab'", "wrongValue"}, // leading space
+        {".1.1.7.0 s 'lab '", "wrongValue"}, // trailing space
         {".1.1.7.0 i 3", "wrongType"},
         {".1.1.7.0 s ''", "wrongLength"},
         {".1.1.4.0 s " + std::string(256, 'a'), "wrongLength"},
-        {".1.1.2.0 s 1800", "genErr"},                  // phone number without '+'
+        {".1.1.2.0 s 1800", "genErr"}, // phone number without '+'
         {".1.1.2.0 s +1234567890123456789", "wrongLength"},
         {".1.1.1.0 i 3", "wrongValue"},
         {".1.1.8.0 i 9", "wrongValue"},
@@ -88,9 +87,9 @@ TEST_F(AgentScalarWrite, SmtpTypeAndAddressTogetherInEitherOrder) {
     EXPECT_NE(get(R + ".1.1.19.0").find("Hex-STRING: C0 00 02 19"), std::string::npos);
 
     // IPv6: the address first, then the type.
-    ASSERT_EQ(reason(set(R + ".1.1.19.0 x 20010DB8000000000000000000000019 " + R +
-                         ".1.1.18.0 i 2")),
-              "noError");
+    ASSERT_EQ(
+        reason(set(R + ".1.1.19.0 x 20010DB8000000000000000000000019 " + R + ".1.1.18.0 i 2")),
+        "noError");
     EXPECT_NE(dump().find("\"2001:db8::19\""), std::string::npos);
     EXPECT_NE(get(R + ".1.1.18.0").find("INTEGER: 2"), std::string::npos);
 
@@ -98,8 +97,7 @@ TEST_F(AgentScalarWrite, SmtpTypeAndAddressTogetherInEitherOrder) {
     EXPECT_EQ(reason(set(R + ".1.1.18.0 i 2 " + R + ".1.1.19.0 x C0000219")), "wrongValue");
 
     // A name needs the DNS type.
-    ASSERT_EQ(reason(set(R + ".1.1.18.0 i 16 " + R + ".1.1.19.0 s mail.example.com")),
-              "noError");
+    ASSERT_EQ(reason(set(R + ".1.1.18.0 i 16 " + R + ".1.1.19.0 s mail.example.com")), "noError");
     EXPECT_NE(get(R + ".1.1.19.0").find("\"mail.example.com\""), std::string::npos);
     ASSERT_EQ(reason(set(R + ".1.1.20.0 u 587")), "noError");
     EXPECT_NE(get(R + ".1.1.20.0").find("Gauge32: 587"), std::string::npos);
@@ -131,8 +129,8 @@ TEST_F(AgentScalarWrite, PeriodicInventoryKeepsTheOtherFields) {
     EXPECT_NE(get(R + ".1.1.33.1.0").find("\"09:05\""), std::string::npos);
     ASSERT_EQ(reason(set(R + ".1.1.28.0 u 30")), "noError");
     ASSERT_EQ(reason(set(R + ".1.1.27.0 i 2")), "noError");
-    const auto vbs = varbinds(
-        snmp("snmpget", R + ".1.1.27.0 " + R + ".1.1.28.0 " + R + ".1.1.33.1.0").out);
+    const auto vbs =
+        varbinds(snmp("snmpget", R + ".1.1.27.0 " + R + ".1.1.28.0 " + R + ".1.1.33.1.0").out);
     ASSERT_EQ(vbs.size(), 3u);
     EXPECT_EQ(vbs[0].second, "INTEGER: 2");
     EXPECT_EQ(vbs[1].second, "Gauge32: 30");

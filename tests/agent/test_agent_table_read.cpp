@@ -75,8 +75,7 @@ TEST_F(AgentTableRead, ProfileTableInBothWalks) {
         EXPECT_EQ(rows.at(T + ".1.7" + ops), "Hex-STRING: 05 00 00 00 00 00 00 00 ");
         // "all": every known type, indexes 1..7.
         EXPECT_EQ(rows.at(T + ".1.7" + ab), "Hex-STRING: 7F 00 00 00 00 00 00 00 ");
-        EXPECT_EQ(rows.at(T + ".1.7" + text_index("xml")),
-                  "Hex-STRING: 00 00 00 00 00 00 00 00 ");
+        EXPECT_EQ(rows.at(T + ".1.7" + text_index("xml")), "Hex-STRING: 00 00 00 00 00 00 00 00 ");
     }
 }
 

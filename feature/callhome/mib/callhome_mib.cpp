@@ -2,8 +2,11 @@
 // containers of SET transactions, and the read handler of every scalar object.
 #include "callhome_mib.h"
 
+#include <algorithm>
+
 #include <net-snmp/agent/util_funcs/header_generic.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -245,6 +248,23 @@ indxobj_t *callHomeDestProfileEntry_undo_list;
 indxobj_t *callHomeUserDefCliCmd_list;
 indxobj_t *callHomeUserDefCliCmd_undo_list;
 
+namespace {
+
+// net-snmp registers each entry of an object table as a subtree of its own (root + suffix),
+// so unregistering the root alone would leave every entry's handler behind, pointing into an
+// unloaded library.
+void unregister_callhome_subtree() {
+    unregister_mib(callhome_mib_variables_oid, CALLHOME_MIB_ROOT_LEN);
+    for (const struct variable7 &entry : callhome_mib_variables) {
+        oid name[CALLHOME_MIB_ROOT_LEN + 7];
+        std::copy_n(callhome_mib_variables_oid, CALLHOME_MIB_ROOT_LEN, name);
+        std::copy_n(entry.name, entry.namelen, name + CALLHOME_MIB_ROOT_LEN);
+        unregister_mib(name, CALLHOME_MIB_ROOT_LEN + entry.namelen);
+    }
+}
+
+} // namespace
+
 void init_callhome_mib(void) {
     if (register_mib("callhome_mib", reinterpret_cast<struct variable *>(callhome_mib_variables),
                      sizeof(struct variable7), CALLHOME_MIB_VARIABLE_COUNT,
@@ -267,7 +287,7 @@ void init_callhome_mib(void) {
                 *kContainers[j].container = nullptr;
             }
             *slot.container = nullptr;
-            unregister_mib(callhome_mib_variables_oid, CALLHOME_MIB_ROOT_LEN);
+            unregister_callhome_subtree();
             return;
         }
     }
@@ -277,7 +297,7 @@ void init_callhome_mib(void) {
 }
 
 void deinit_callhome_mib(void) {
-    unregister_mib(callhome_mib_variables_oid, CALLHOME_MIB_ROOT_LEN);
+    unregister_callhome_subtree();
     for (const ContainerSlot &slot : kContainers) {
         indxobj_destroy(*slot.container);
         *slot.container = nullptr;
