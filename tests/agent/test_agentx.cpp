@@ -5,6 +5,13 @@
 #include "agent_env.hpp"
 
 namespace agent_test {
+
+// gtest prints the parameter with this (found next to AgentMode) instead of its bytes.
+void PrintTo(AgentMode mode, std::ostream *os);
+void PrintTo(AgentMode mode, std::ostream *os) {
+    *os << mode_name(mode);
+}
+
 namespace {
 
 const std::string R = kRoot;
@@ -16,11 +23,6 @@ std::string name_index(const std::string &name) {
         s += "." + std::to_string(c);
     }
     return s;
-}
-
-// gtest prints the parameter with this instead of its bytes.
-[[maybe_unused]] void PrintTo(AgentMode mode, std::ostream *os) {
-    *os << mode_name(mode);
 }
 
 class BothModes : public AgentEnv, public ::testing::WithParamInterface<AgentMode> {
