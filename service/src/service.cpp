@@ -154,6 +154,16 @@ struct Fault {
 
 using CmdKey = std::pair<uint32_t, int32_t>; // (type index, command index)
 
+// Profiles are ordered as the MIB orders their rows: a text index is encoded as its length,
+// then one arc per byte, so shorter names come first and names of one length compare byte by
+// byte (unsigned). Walks then see strictly increasing OIDs.
+struct OidOrder {
+    using is_transparent = void;
+    bool operator()(const std::string &a, const std::string &b) const {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    }
+};
+
 } // namespace
 
 struct Service::Impl {
@@ -1196,7 +1206,7 @@ struct Service::Impl {
     EmailConf email;
     Status status;
     Periodic periodic;
-    std::map<std::string, Profile> profiles; // std::string orders by unsigned bytes
+    std::map<std::string, Profile, OidOrder> profiles;
     std::map<uint32_t, std::string> types;
     std::map<CmdKey, std::string> commands;
     bool dist_enabled = false;

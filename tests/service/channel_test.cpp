@@ -158,7 +158,7 @@ TEST_F(Channel, FirstStartDefaults) {
     EXPECT_EQ(0u, host(s.num_alerts_sent) + host(s.last_alert_sent.tv_sec) +
                       host(s.callhome_error_code));
 
-    EXPECT_EQ((Strings{"full_txt", "short_txt", "xml"}), walk_profiles());
+    EXPECT_EQ((Strings{"xml", "full_txt", "short_txt"}), walk_profiles());
     const std::map<std::string, std::pair<int32_t, uint32_t>> builtins = {
         {"full_txt", {1, 500000}}, {"xml", {2, 500000}}, {"short_txt", {3, 4000}}};
     for (const auto &[name, fs] : builtins) {
@@ -340,23 +340,26 @@ TEST_F(Channel, PeriodicInventoryBoundaries) {
     }
 }
 
-TEST_F(Channel, ProfilesWalkInByteOrderFromAnyKey) {
+TEST_F(Channel, ProfilesWalkInOidOrderFromAnyKey) {
     for (const char *n : {"b", "a b", "B", "ab", "\xc3\xa9t\xc3\xa9", "a"}) {
         add_profile(n);
     }
-    const Strings all = {
-        "B", "a", "a b", "ab", "b", "full_txt", "short_txt", "xml", "\xc3\xa9t\xc3\xa9"};
+    // The row index is the name's length, then its bytes: shorter names first, names of one
+    // length by unsigned bytes.
+    const Strings all = {"B",        "a",        "b", "ab", "a b", "xml", "\xc3\xa9t\xc3\xa9",
+                         "full_txt", "short_txt"};
     EXPECT_EQ(all, walk_profiles());
     // GETNEXT is strictly after the key, also for keys that name no row.
-    EXPECT_EQ((Strings{"ab", "b", "full_txt", "short_txt", "xml", "\xc3\xa9t\xc3\xa9"}),
-              walk_profiles("a b"));
-    // A truncated index arrives filled with 0xFF: "a" + 0xFF... sorts after every "a..." row.
-    EXPECT_EQ((Strings{"b", "full_txt", "short_txt", "xml", "\xc3\xa9t\xc3\xa9"}),
+    EXPECT_EQ((Strings{"xml", "\xc3\xa9t\xc3\xa9", "full_txt", "short_txt"}), walk_profiles("a b"));
+    EXPECT_EQ((Strings{"ab", "a b", "xml", "\xc3\xa9t\xc3\xa9", "full_txt", "short_txt"}),
+              walk_profiles("c"));
+    // A truncated index arrives filled with 0xFF: it sorts after every name of its length.
+    EXPECT_EQ((Strings{"\xc3\xa9t\xc3\xa9", "full_txt", "short_txt"}),
               walk_profiles("a\xff\xff\xff"));
+    EXPECT_EQ((Strings{"full_txt", "short_txt"}), walk_profiles("\xff\xff\xff\xff\xff"));
     // A key that fills the whole field (no NUL) is read within the field.
     EXPECT_EQ(Strings{}, walk_profiles(std::string(32, '\xff')));
-    EXPECT_EQ(kEnd,
-              status(CALLHOME_DEST_PROFILE_OPC, GETNEXT_REQ, profile_rec("\xc3\xa9t\xc3\xa9")));
+    EXPECT_EQ(kEnd, status(CALLHOME_DEST_PROFILE_OPC, GETNEXT_REQ, profile_rec("short_txt")));
     EXPECT_EQ(kUnknown, status(CALLHOME_DEST_PROFILE_OPC, GET_REQ, profile_rec("")));
     EXPECT_EQ(kUnknown, status(CALLHOME_DEST_PROFILE_OPC, GET_REQ, profile_rec("A")));
     // Distribution reads are answered like plain reads.
@@ -456,7 +459,7 @@ TEST_F(Channel, EmailAddressesWalkByProfileThenIndex) {
               walk_emails());
     EXPECT_EQ((Strings{"p/10=p10@example.com", "q/1=q1@example.com"}), walk_emails("p", 2));
     EXPECT_EQ(Strings{"q/1=q1@example.com"}, walk_emails("p", 10));
-    EXPECT_EQ(Strings{"q/1=q1@example.com"}, walk_emails("p\xff\xff", 0));
+    EXPECT_EQ(Strings{}, walk_emails("p\xff\xff", 0)); // longer than every name here
     EXPECT_EQ(Strings{}, walk_emails("q", 1));
     EXPECT_EQ(Strings{}, walk_emails(std::string(32, '\xff'), 0));
 
@@ -562,10 +565,12 @@ TEST_F(Channel, ProfileAlertGroupsWalkAndAllRules) {
     add_group("p", "System");
     add_group("p", "Diagnostic");
     add_group("full_txt", "all");
-    EXPECT_EQ((Strings{"full_txt/all", "p/Diagnostic", "p/System", "q/Test"}), walk_groups());
-    EXPECT_EQ((Strings{"p/System", "q/Test"}), walk_groups("p", "Diagnostic"));
-    EXPECT_EQ((Strings{"q/Test"}), walk_groups("p\xff", ""));
-    EXPECT_EQ(Strings{}, walk_groups("q", "Test"));
+    // Profiles in the order of the profile table, each profile's groups by name.
+    EXPECT_EQ((Strings{"p/Diagnostic", "p/System", "q/Test", "full_txt/all"}), walk_groups());
+    EXPECT_EQ((Strings{"p/System", "q/Test", "full_txt/all"}), walk_groups("p", "Diagnostic"));
+    EXPECT_EQ((Strings{"full_txt/all"}), walk_groups("p\xff", ""));
+    EXPECT_EQ((Strings{"full_txt/all"}), walk_groups("q", "Test"));
+    EXPECT_EQ(Strings{}, walk_groups("full_txt", "all"));
     EXPECT_EQ(0,
               status(CALLHOME_PROFILE_ALERTGROUP_OPC, GET_REQ, profile_group_rec("p", "System")));
     EXPECT_EQ(kUnknown,
@@ -592,11 +597,11 @@ TEST_F(Channel, ProfileAlertGroupsWalkAndAllRules) {
     EXPECT_EQ(before, dump());
 
     add_group("p", "all"); // replaces the individual groups
-    EXPECT_EQ((Strings{"p/all", "q/Test"}), walk_groups("p", ""));
+    EXPECT_EQ((Strings{"p/all", "q/Test", "full_txt/all"}), walk_groups("p", ""));
     ASSERT_EQ(0,
               status(CALLHOME_PROFILE_ALERTGROUP_OPC, DELETE_REQ, profile_group_rec("p", "all")));
     add_group("p", "Test");
-    EXPECT_EQ((Strings{"p/Test", "q/Test"}), walk_groups("p", ""));
+    EXPECT_EQ((Strings{"p/Test", "q/Test", "full_txt/all"}), walk_groups("p", ""));
 }
 
 TEST_F(Channel, UserCommandsWalkInTypeIndexOrder) {
