@@ -148,7 +148,9 @@ class Process {
 // snmpd that is AgentX master. The tests talk to snmpd's UDP port either way.
 enum class AgentMode { Dlmod, AgentX };
 
-inline std::string mode_name(AgentMode mode) { return mode == AgentMode::Dlmod ? "dlmod" : "agentx"; }
+inline std::string mode_name(AgentMode mode) {
+    return mode == AgentMode::Dlmod ? "dlmod" : "agentx";
+}
 
 inline std::string agentx_path() {
 #ifdef AGENTX_PATH
@@ -226,7 +228,8 @@ class AgentEnv : public ::testing::Test {
         ASSERT_TRUE(eventually([&] {
             return snmp("snmpget", std::string(kRoot) + ".1.1.13.0").out.find("Gauge32: 50") !=
                    std::string::npos;
-        })) << "snmpd with the module (" << mode_name(agent_mode_) << ") did not answer";
+        })) << "snmpd with the module ("
+            << mode_name(agent_mode_) << ") did not answer";
     }
     void stop_agent() {
         subagent_.stop();
@@ -238,20 +241,24 @@ class AgentEnv : public ::testing::Test {
     void start_snmpd() {
         const std::string conf = dir_ + "/snmpd.conf";
         fs::create_directories(dir_ + "/persist");
-        std::map<std::string, std::string> env{{"CALLHOME_SOCKET", socket_},
-                                               {"SNMP_PERSISTENT_DIR", dir_ + "/persist"},
-                                               {"MIBS", ""}};
+        std::map<std::string, std::string> env{
+            {"CALLHOME_SOCKET", socket_}, {"SNMP_PERSISTENT_DIR", dir_ + "/persist"}, {"MIBS", ""}};
 #ifdef CALLHOME_ASAN_RUNTIME
         // snmpd itself is not instrumented; the sanitizer runtime must be loaded first.
         env["LD_PRELOAD"] = CALLHOME_ASAN_RUNTIME;
         env["ASAN_OPTIONS"] = "detect_leaks=0";
 #endif
-        agent_ = Process({SNMPD_PATH, "-f", "-C", "-c", conf, "-Lf", dir_ + "/snmpd.log", "-Dcallhome"},
-                         env, dir_ + "/snmpd.out");
+        agent_ =
+            Process({SNMPD_PATH, "-f", "-C", "-c", conf, "-Lf", dir_ + "/snmpd.log", "-Dcallhome"},
+                    env, dir_ + "/snmpd.out");
     }
-    void stop_snmpd() { agent_.stop(); }
+    void stop_snmpd() {
+        agent_.stop();
+    }
 
-    std::string agentx_socket() const { return dir_ + "/agentx.sock"; }
+    std::string agentx_socket() const {
+        return dir_ + "/agentx.sock";
+    }
 
     void start_subagent() {
         // A ping every second: a restarted master gets the subagent back quickly.
@@ -269,7 +276,8 @@ class AgentEnv : public ::testing::Test {
                           "udp:127.0.0.1:" + std::to_string(trap_port_)},
                          {{"MIBS", ""}}, dir_ + "/snmptrapd.log");
         // snmptrapd logs this line once it listens.
-        ASSERT_TRUE(eventually([&] { return traps().find("NET-SNMP version") != std::string::npos; }));
+        ASSERT_TRUE(
+            eventually([&] { return traps().find("NET-SNMP version") != std::string::npos; }));
     }
     std::string traps() const {
         std::ifstream f(dir_ + "/traps.log");
@@ -281,8 +289,8 @@ class AgentEnv : public ::testing::Test {
     // net-snmp tool against the agent: numeric OIDs, one try, 5-second timeout.
     CommandResult snmp(const std::string &tool, const std::string &args,
                        const std::string &community = "public") const {
-        return run("MIBS= " + tool + " -v2c -c " + community + " -On -r 0 -t 5 127.0.0.1:" +
-                   std::to_string(port_) + " " + args);
+        return run("MIBS= " + tool + " -v2c -c " + community +
+                   " -On -r 0 -t 5 127.0.0.1:" + std::to_string(port_) + " " + args);
     }
     CommandResult ctl(const std::vector<std::string> &args) const {
         std::string cmd = std::string(CALLHOMECTL_PATH) + " --socket " + quote(socket_);
@@ -341,8 +349,12 @@ class AgentEnv : public ::testing::Test {
         c.row_status = int32_t(htonl(1));
         service_set(CALLHOME_USER_DEF_CMD_OPC, c);
     }
-    std::string get(const std::string &oid) const { return snmp("snmpget", oid).out; }
-    std::string dump() const { return ctl({"dump"}).out; }
+    std::string get(const std::string &oid) const {
+        return snmp("snmpget", oid).out;
+    }
+    std::string dump() const {
+        return ctl({"dump"}).out;
+    }
 
     std::string dir_, socket_, db_;
     int port_ = 0, trap_port_ = 0;

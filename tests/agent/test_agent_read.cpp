@@ -119,8 +119,9 @@ TEST_F(AgentRead, GetNextAfterTheLastLeadingScalarEntersTheProfileTable) {
     start_agent();
     const auto vbs = varbinds(snmp("snmpgetnext", R + ".1.1.11.0").out);
     ASSERT_EQ(vbs.size(), 1u);
-    EXPECT_EQ(vbs[0].first, R + ".1.1.12.1.2.8.102.117.108.108.95.116.120.116"); // "full_txt"
-    EXPECT_EQ(vbs[0].second, "INTEGER: 1");
+    // Rows order as their OIDs do: the shortest name first ("xml").
+    EXPECT_EQ(vbs[0].first, R + ".1.1.12.1.2.3.120.109.108");
+    EXPECT_EQ(vbs[0].second, "INTEGER: 2");
 }
 
 TEST_F(AgentRead, InstanceMustBeExactlyDotZero) {

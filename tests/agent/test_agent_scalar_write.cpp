@@ -20,8 +20,12 @@ class AgentScalarWrite : public AgentEnv {
             return r.status == 0 ? "noError" : r.out;
         }
         const auto end = r.out.find_first_of(" \n", at + 8);
-        const std::string name = r.out.substr(at + 8, end - at - 8);
-        return name == "(genError)" ? "genErr" : name; // net-snmp's own spelling of genErr
+        std::string name = r.out.substr(at + 8, end - at - 8);
+        // net-snmp puts some names in parentheses, and spells genErr its own way.
+        if (name.size() > 2 && name.front() == '(' && name.back() == ')') {
+            name = name.substr(1, name.size() - 2);
+        }
+        return name == "genError" ? "genErr" : name;
     }
 };
 
