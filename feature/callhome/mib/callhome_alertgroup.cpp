@@ -35,23 +35,6 @@ uint32_t alertgroup_type_count;
 
 namespace {
 
-/* The answer record of one request, freed whichever way the caller leaves. */
-struct CmiAnswer {
-    void *record = nullptr;
-    uint32_t length = 0;
-
-    CmiAnswer() = default;
-    CmiAnswer(const CmiAnswer &) = delete;
-    CmiAnswer &operator=(const CmiAnswer &) = delete;
-    ~CmiAnswer() { release(); }
-
-    void release() {
-        std::free(record);
-        record = nullptr;
-        length = 0;
-    }
-};
-
 /* One GETNEXT on the type table from request->index. On success the answer replaces the
  * request (in host order), so that the next call continues after it. */
 int next_type(callhome_alertgroup_type_t *request, bool *answered) {

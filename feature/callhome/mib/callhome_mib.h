@@ -10,6 +10,8 @@
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <cstdlib>
+
 #include "callhome_wire.h"
 #include "cmi.h"
 #include "indxobj.h"
@@ -260,5 +262,22 @@ CALLHOME_WRITE_HANDLER(set_callhome_alertgroups);
 CALLHOME_EXPORT int update_cmi_alertGroups(int msg_type, callHomeAlertGroupEntry_t *entry);
 
 } /* extern "C" */
+
+/* The answer record of one cmi_req_resp call, freed whichever way the caller leaves. */
+struct CmiAnswer {
+    void *record = nullptr;
+    uint32_t length = 0;
+
+    CmiAnswer() = default;
+    CmiAnswer(const CmiAnswer &) = delete;
+    CmiAnswer &operator=(const CmiAnswer &) = delete;
+    ~CmiAnswer() { release(); }
+
+    void release() {
+        std::free(record);
+        record = nullptr;
+        length = 0;
+    }
+};
 
 #endif

@@ -42,24 +42,6 @@ u_char profile_alertgroups[8];
 
 /* ---- Request channel ------------------------------------------------------------------ */
 
-/* The answer record of one request; freed when replaced or when it goes out of scope, so
- * that no path leaks it. */
-struct CmiAnswer {
-    void *record = nullptr;
-    uint32_t length = 0;
-
-    CmiAnswer() = default;
-    CmiAnswer(const CmiAnswer &) = delete;
-    CmiAnswer &operator=(const CmiAnswer &) = delete;
-    ~CmiAnswer() { release(); }
-
-    void release() {
-        std::free(record);
-        record = nullptr;
-        length = 0;
-    }
-};
-
 int table_request(int opcode, int msg_type, const void *request, uint32_t length,
                   CmiAnswer &answer) {
     answer.release();
