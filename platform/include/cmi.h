@@ -23,9 +23,8 @@ extern int mts_response_q;
  * answer carried none) and *length its size. A null `response` asks for no record.
  * `user` may be null.
  */
-int cmi_req_resp(int opcode, int msg_type, const void *request, void **response,
-                 uint32_t *length, const char *user, uint32_t session, int client, int queue,
-                 int wait);
+int cmi_req_resp(int opcode, int msg_type, const void *request, void **response, uint32_t *length,
+                 const char *user, uint32_t session, int client, int queue, int wait);
 
 /* Text name of an opcode ("CALLHOME_INFO_OPC"), or its number as text when unknown. */
 const char *mts_opc_name_get(int opcode);

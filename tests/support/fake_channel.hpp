@@ -13,7 +13,9 @@
 namespace callhome_test {
 
 // Host order <-> the channel's big-endian order, for building and checking records.
-inline uint32_t be32(uint32_t v) { return __builtin_bswap32(v); }
+inline uint32_t be32(uint32_t v) {
+    return __builtin_bswap32(v);
+}
 
 class FakeChannel {
   public:

@@ -81,8 +81,8 @@ extern indxobj_t *callHomeUserDefCliCmd_undo_list;
 
 /* ---- Scalar reads ---------------------------------------------------------------------- */
 
-CALLHOME_EXPORT u_char *get_callhome_mib(struct variable *vp, oid *name, size_t *length,
-                                         int exact, size_t *var_len, WriteMethod **write_method);
+CALLHOME_EXPORT u_char *get_callhome_mib(struct variable *vp, oid *name, size_t *length, int exact,
+                                         size_t *var_len, WriteMethod **write_method);
 CALLHOME_EXPORT char *to_HHMM_string(long minutes);
 CALLHOME_EXPORT extern char *HHMM_buf;
 
@@ -105,10 +105,10 @@ void callhome_report_error(int status);
 
 /* ---- Backend channel ------------------------------------------------------------------- */
 
-CALLHOME_EXPORT u_char *get_using_cmi(int opcode, void *request, uint32_t length,
-                                      size_t *var_len, int magic);
-CALLHOME_EXPORT long get_periodic_inventory_info(callhome_periodic_inventory_t *record,
-                                                 int magic, int get_for_set);
+CALLHOME_EXPORT u_char *get_using_cmi(int opcode, void *request, uint32_t length, size_t *var_len,
+                                      int magic);
+CALLHOME_EXPORT long get_periodic_inventory_info(callhome_periodic_inventory_t *record, int magic,
+                                                 int get_for_set);
 CALLHOME_EXPORT int to_snmp_error_code(int status);
 
 /* The persistent e-mail configuration: request and answer of CALLHOME_EMAIL_CONF_OPC. */
@@ -144,9 +144,9 @@ CALLHOME_EXPORT int callHomeUserDefCliCmdEntry_comp(const void *a, const void *b
 CALLHOME_EXPORT int set_Scalar(int opcode, uint32_t length, void *data, int wait);
 CALLHOME_EXPORT int setTableObjects(int opcode, void *data, uint32_t length);
 
-#define CALLHOME_WRITE_HANDLER(name)                                                              \
-    CALLHOME_EXPORT int name(int action, u_char *var_val, u_char var_val_type,                   \
-                             size_t var_val_len, u_char *statP, oid *name_oid, size_t name_len)
+#define CALLHOME_WRITE_HANDLER(name)                                                               \
+    CALLHOME_EXPORT int name(int action, u_char *var_val, u_char var_val_type, size_t var_val_len, \
+                             u_char *statP, oid *name_oid, size_t name_len)
 
 CALLHOME_WRITE_HANDLER(set_sysContactPhoneNumber);
 CALLHOME_WRITE_HANDLER(set_sysContactEmailAddress);
@@ -178,53 +178,49 @@ CALLHOME_EXPORT extern mibAlertGroup_t mibAlertGroup;
 CALLHOME_EXPORT extern callhome_alertgroup_type_t alertgroup_type;
 CALLHOME_EXPORT extern callHomeUserDefCliCmdEntry_t callHomeUserDefCliCmdEntry;
 
-CALLHOME_EXPORT u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name,
-                                                     size_t *length, int exact, size_t *var_len,
+CALLHOME_EXPORT u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name, size_t *length,
+                                                     int exact, size_t *var_len,
                                                      WriteMethod **write_method);
 CALLHOME_EXPORT u_char *get_callHomeDestEmailAddressTable(struct variable *vp, oid *name,
                                                           size_t *length, int exact,
                                                           size_t *var_len,
                                                           WriteMethod **write_method);
 CALLHOME_EXPORT u_char *get_callHomeAlertGroupTypeTable(struct variable *vp, oid *name,
-                                                        size_t *length, int exact,
-                                                        size_t *var_len,
+                                                        size_t *length, int exact, size_t *var_len,
                                                         WriteMethod **write_method);
-CALLHOME_EXPORT u_char *get_callHomeUserDefCmdTable(struct variable *vp, oid *name,
-                                                    size_t *length, int exact, size_t *var_len,
+CALLHOME_EXPORT u_char *get_callHomeUserDefCmdTable(struct variable *vp, oid *name, size_t *length,
+                                                    int exact, size_t *var_len,
                                                     WriteMethod **write_method);
 
 int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
-                                    int exact, callHomeDestProfileEntry_t *entry,
-                                    int get_for_set);
+                                    int exact, callHomeDestProfileEntry_t *entry, int get_for_set);
 int get_callHomeDestProfileEntry_instance(oid *vp_name, size_t vp_namelen, oid *name,
                                           size_t *length, int exact,
                                           callHomeDestProfileEntry_t *entry);
 
-int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *name,
-                                         size_t *length, int exact,
-                                         callHomeDestEmailAddressEntry_t *entry, int get_for_set);
+int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
+                                         int exact, callHomeDestEmailAddressEntry_t *entry,
+                                         int get_for_set);
 int get_callHomeDestEmailAddressEntry_instance(oid *vp_name, size_t vp_namelen, oid *name,
                                                size_t *length, int exact,
                                                callHomeDestEmailAddressEntry_t *entry);
 
 int header_callhome_alertgroups(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                 int exact, mibAlertGroup_t *summary, int get_for_set);
-int get_callhome_alertgroups_instance(oid *vp_name, size_t vp_namelen, oid *name,
-                                      size_t *length, int exact,
-                                      callHomeAlertGroupEntry_t *record, int get_for_set);
+int get_callhome_alertgroups_instance(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
+                                      int exact, callHomeAlertGroupEntry_t *record,
+                                      int get_for_set);
 
 int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                   int exact, callhome_alertgroup_type_t *record);
-int get_callHomeAlertGroupType_instance(oid *vp_name, size_t vp_namelen, oid *name,
-                                        size_t *length, int exact,
-                                        callhome_alertgroup_type_t *record);
+int get_callHomeAlertGroupType_instance(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
+                                        int exact, callhome_alertgroup_type_t *record);
 
-int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name,
-                                      size_t *length, int exact,
-                                      callHomeUserDefCliCmdEntry_t *row, int get_for_set);
-int get_callHomeUserDefCliCmd_instance(oid *vp_name, size_t vp_namelen, oid *name,
-                                       size_t *length, int exact,
-                                       callHomeUserDefCliCmdEntry_t *row);
+int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
+                                      int exact, callHomeUserDefCliCmdEntry_t *row,
+                                      int get_for_set);
+int get_callHomeUserDefCliCmd_instance(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
+                                       int exact, callHomeUserDefCliCmdEntry_t *row);
 
 /* ---- Table writes ---------------------------------------------------------------------- */
 
@@ -249,14 +245,10 @@ CALLHOME_EXPORT int is_all_alertgroup_types_set(const void *set);
 CALLHOME_EXPORT int is_all_alertgroup_types_reset(const void *set);
 CALLHOME_EXPORT int get_alertgroup_type_index(int start, const char *name);
 
-CALLHOME_EXPORT netsnmp_variable_list *handle_alertgroup_added_notif(mts_msg_t *msg,
-                                                                     oid *notif_oid,
-                                                                     size_t *notif_oid_len,
-                                                                     int *send);
-CALLHOME_EXPORT netsnmp_variable_list *handle_alertgroup_deleted_notif(mts_msg_t *msg,
-                                                                       oid *notif_oid,
-                                                                       size_t *notif_oid_len,
-                                                                       int *send);
+CALLHOME_EXPORT netsnmp_variable_list *
+handle_alertgroup_added_notif(mts_msg_t *msg, oid *notif_oid, size_t *notif_oid_len, int *send);
+CALLHOME_EXPORT netsnmp_variable_list *
+handle_alertgroup_deleted_notif(mts_msg_t *msg, oid *notif_oid, size_t *notif_oid_len, int *send);
 
 CALLHOME_WRITE_HANDLER(set_callhome_alertgroups);
 CALLHOME_EXPORT int update_cmi_alertGroups(int msg_type, callHomeAlertGroupEntry_t *entry);

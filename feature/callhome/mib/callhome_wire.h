@@ -46,14 +46,14 @@ enum : int {
 /* Service statuses. */
 enum : int {
     CALLHOME_SUCCESS = 0,
-    CALLHOME_UNKNOWN_ENTRY = 0x403B000B,          /* no such object or row */
-    CALLHOME_END_OF_TABLE = 0x403B000C,           /* GETNEXT past the last row */
-    CALLHOME_ERR_BUILTIN_PROFILE = 0x403B000D,    /* built-in profile may not be deleted */
-    CALLHOME_ERR_INVALID_INPUT = 0x403B0019,      /* the service refuses the value */
-    CALLHOME_ERR_NO_MEMORY = 0x403B002A,          /* out of memory */
-    CALLHOME_ERR_BAD_PROFILE_NAME = 0x403B002B,   /* reserved name, leading/trailing space */
-    CALLHOME_ERR_INDEX_ADD = 0x403B002C,          /* index container refused the row */
-    CALLHOME_ERR_VELD_RESEND = 0x403B0034,        /* repeat the distribution read as plain */
+    CALLHOME_UNKNOWN_ENTRY = 0x403B000B,        /* no such object or row */
+    CALLHOME_END_OF_TABLE = 0x403B000C,         /* GETNEXT past the last row */
+    CALLHOME_ERR_BUILTIN_PROFILE = 0x403B000D,  /* built-in profile may not be deleted */
+    CALLHOME_ERR_INVALID_INPUT = 0x403B0019,    /* the service refuses the value */
+    CALLHOME_ERR_NO_MEMORY = 0x403B002A,        /* out of memory */
+    CALLHOME_ERR_BAD_PROFILE_NAME = 0x403B002B, /* reserved name, leading/trailing space */
+    CALLHOME_ERR_INDEX_ADD = 0x403B002C,        /* index container refused the row */
+    CALLHOME_ERR_VELD_RESEND = 0x403B0034,      /* repeat the distribution read as plain */
 };
 
 /* Client values passed to cmi_req_resp. */
@@ -71,9 +71,9 @@ enum : uint32_t {
 
 /* Limits shared by the module and the service. */
 enum : int {
-    CALLHOME_PROFILE_ID_LEN = 32,   /* 31 characters and a NUL */
+    CALLHOME_PROFILE_ID_LEN = 32, /* 31 characters and a NUL */
     CALLHOME_MAX_PROFILES = 50,
-    CALLHOME_MAX_USER_CMDS = 5,     /* per alert-group type */
+    CALLHOME_MAX_USER_CMDS = 5, /* per alert-group type */
     CALLHOME_MAX_ALERTGROUP_TYPES = 256,
 };
 
@@ -117,7 +117,7 @@ typedef struct callhome_switch_t {
 /* CALLHOME_PERIODIC_INVENTORY_OPC. */
 typedef struct callhome_periodic_inventory_t {
     uint32_t enable;
-    uint32_t time_frame;  /* days */
+    uint32_t time_frame; /* days */
     uint8_t reserved;
     uint32_t time_of_day; /* minutes after midnight */
 } callhome_periodic_inventory_t;

@@ -34,9 +34,9 @@ enum class Kind : uint16_t {
 };
 
 // flags
-inline constexpr uint32_t kUserNull = 1u << 0;     // request: the caller passed no user
-inline constexpr uint32_t kWantsRecord = 1u << 1;  // request: the caller wants the answer's record
-inline constexpr uint32_t kHasRecord = 1u << 2;    // response: body is the answer's record
+inline constexpr uint32_t kUserNull = 1u << 0;    // request: the caller passed no user
+inline constexpr uint32_t kWantsRecord = 1u << 1; // request: the caller wants the answer's record
+inline constexpr uint32_t kHasRecord = 1u << 2;   // response: body is the answer's record
 
 // Notification ids the platform handles itself (the service's own ids are above 1000).
 inline constexpr int32_t kDistributionStateNotif = 1; // body: u32 enabled, u32 show-run mode

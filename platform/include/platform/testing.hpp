@@ -72,7 +72,7 @@ void clear_snmp_context();
 void set_distribution(bool enabled, int show_run_mode);
 
 // Error logging.
-std::pair<int32_t, int> last_set_error();        // (status, code); (0, 0) when none
+std::pair<int32_t, int> last_set_error();          // (status, code); (0, 0) when none
 std::pair<int32_t, std::string> last_snmp_error(); // (status, text)
 void clear_errors();
 
@@ -86,9 +86,10 @@ void clear_trace_history();
 void set_debug_output(bool on);
 
 // Index containers.
-void fail_next_indxobj_add(int count = 1);    // the next `count` adds are refused
-void fail_indxobj_create_after(int successes); // creates fail after this many more successes; -1 never
-size_t live_indxobj_count();                  // containers created and not destroyed
+void fail_next_indxobj_add(int count = 1); // the next `count` adds are refused
+void fail_indxobj_create_after(
+    int successes);          // creates fail after this many more successes; -1 never
+size_t live_indxobj_count(); // containers created and not destroyed
 size_t indxobj_size(const struct indxobj *obj);
 
 // Restores every hook above to its initial state.
