@@ -34,7 +34,8 @@ usage: ./run.sh COMMAND
                 eval "\$(./run.sh mibs)"
 
 Environment: CALLHOME_STATE_DIR (default ./var), CALLHOME_SNMP_PORT (1161),
-CALLHOME_TRAP_PORT (1162), CALLHOME_BUILD_DIR (./build), CALLHOME_SANITIZE=1 (test with
+CALLHOME_TRAP_PORT (1162), CALLHOME_BUILD_DIR (./build), CALLHOME_DEBUG=1 (the module's debug
+traces in the agent's log), CALLHOME_SANITIZE=1 (test with
 ASan+UBSan), CALLHOME_MODE (dlmod: snmpd loads the module; agentx: snmpd is AgentX master and
 the module runs in callhome-agentx).
 EOF
@@ -155,9 +156,11 @@ cmd_start() {
     if ! pid_alive "$AGENT_PID"; then
         write_agent_conf
         mkdir -p "$STATE_DIR/snmp"
+        local debug=()
+        [[ -n ${CALLHOME_DEBUG:-} ]] && debug=(-Dcallhome)
         # -C: only our configuration; MIBS empty: no MIB files are needed to serve.
         CALLHOME_SOCKET=$SOCKET SNMP_PERSISTENT_DIR=$STATE_DIR/snmp MIBS= \
-            snmpd -C -c "$AGENT_CONF" -Lf "$STATE_DIR/snmpd.log" -p "$AGENT_PID" \
+            snmpd -C -c "$AGENT_CONF" -Lf "$STATE_DIR/snmpd.log" -p "$AGENT_PID" "${debug[@]}" \
             </dev/null >/dev/null 2>&1 || die "snmpd failed to start; see $STATE_DIR/snmpd.log"
         echo "$MODE" >"$MODE_FILE"
         if [[ $MODE == dlmod ]]; then
