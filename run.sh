@@ -189,6 +189,7 @@ logs and state:    $STATE_DIR
 
 Try:  snmpwalk -v2c -c public 127.0.0.1:$SNMP_PORT $ROOT_OID
       ./run.sh ctl dump
+      eval "\$(./run.sh mibs)"   # object names in net-snmp's tools (CALLHOME-MIB)
 EOF
 }
 
