@@ -1,5 +1,5 @@
-// Drives whole SET requests through the module as net-snmp's agent does, and a small model
-// of the call-home service's tables for the scripted channel.
+// Drives whole SET requests through the module as net-snmp's agent does, and models the
+// service's tables behind the scripted channel.
 #pragma once
 
 #include <cstring>
@@ -16,508 +16,256 @@
 
 namespace callhome_test {
 
-// ---- OIDs ------------------------------------------------------------------------------
-
 using Oid = std::vector<oid>;
+using Bytes = std::vector<uint8_t>;
 
-inline Oid root_oid() {
-    return Oid(callhome_mib_variables_oid, callhome_mib_variables_oid + CALLHOME_MIB_ROOT_LEN);
-}
-inline void append_text(Oid &o, const std::string &text) {
-    o.push_back(text.size());
-    for (unsigned char c : text) {
-        o.push_back(c);
+// root.<arcs>, then a text index as its length and characters, then `tail`.
+inline Oid mib_oid(const Oid &arcs, const std::string &text = "", const Oid &tail = {}) {
+    Oid o(callhome_mib_variables_oid, callhome_mib_variables_oid + CALLHOME_MIB_ROOT_LEN);
+    o.insert(o.end(), arcs.begin(), arcs.end());
+    if (!text.empty()) {
+        o.push_back(text.size());
+        o.insert(o.end(), text.begin(), text.end());
     }
-}
-inline Oid profile_oid(int column, const std::string &name) {
-    Oid o = root_oid();
-    o.insert(o.end(), {1, 1, 12, 1, oid(column)});
-    append_text(o, name);
+    o.insert(o.end(), tail.begin(), tail.end());
     return o;
 }
-inline Oid email_oid(int column, const std::string &name, int index) {
-    Oid o = root_oid();
-    o.insert(o.end(), {1, 1, 14, 1, oid(column)});
-    append_text(o, name);
-    o.push_back(index);
-    return o;
+inline Oid profile_oid(oid col, const std::string &name) {
+    return mib_oid({1, 1, 12, 1, col}, name);
 }
-inline Oid command_oid(int column, int type, int index) {
-    Oid o = root_oid();
-    o.insert(o.end(), {1, 1, 30, 6, 1, oid(column), oid(type), oid(index)});
-    return o;
+inline Oid email_oid(oid col, const std::string &name, oid i) {
+    return mib_oid({1, 1, 14, 1, col}, name, {i});
+}
+inline Oid command_oid(oid col, oid type, oid i) {
+    return mib_oid({1, 1, 30, 6, 1, col, type, i});
 }
 
-// Column numbers.
 enum { kFormat = 2, kMaxSize = 3, kTransport = 4, kProfileStatus = 5, kLevel = 6, kGroups = 7 };
-enum { kEmailAddr = 2, kEmailStatus = 3 };
-enum { kCommand = 2, kCommandStatus = 3 };
-
-// ---- Varbinds and the SET driver -------------------------------------------------------
+enum { kEmailAddr = 2, kEmailStatus = 3, kCommand = 2, kCommandStatus = 3 };
 
 struct Varbind {
     Oid name;
     u_char type;
-    std::vector<u_char> value;
+    Bytes value;
+};
+// INTEGER and Gauge32 values reach write handlers as a C long, as the agent hands them.
+inline Varbind int_vb(Oid name, long v, u_char type = ASN_INTEGER) {
+    Bytes b(sizeof v);
+    std::memcpy(b.data(), &v, sizeof v);
+    return {std::move(name), type, b};
+}
+inline Varbind str_vb(Oid name, const std::string &s) {
+    return {std::move(name), ASN_OCTET_STR, Bytes(s.begin(), s.end())};
+}
 
-    // INTEGER and Gauge32 values reach write handlers as a C long, as the agent hands them.
-    static Varbind integer(Oid name, long v, u_char type = ASN_INTEGER) {
-        std::vector<u_char> bytes(sizeof v);
-        std::memcpy(bytes.data(), &v, sizeof v);
-        return {std::move(name), type, bytes};
+// The read handler of the object `name` falls under, called as the agent calls it (exact).
+inline u_char *find_var(const Oid &name, WriteMethod **wm, size_t *len) {
+    for (const auto &v : callhome_mib_variables) {
+        variable vp{
+            v.magic, char(v.type), v.acl, v.findVar, u_char(CALLHOME_MIB_ROOT_LEN + v.namelen), {}};
+        std::copy(callhome_mib_variables_oid, callhome_mib_variables_oid + CALLHOME_MIB_ROOT_LEN,
+                  vp.name);
+        std::copy(v.name, v.name + v.namelen, vp.name + CALLHOME_MIB_ROOT_LEN);
+        if (name.size() >= vp.namelen && std::equal(vp.name, vp.name + vp.namelen, name.begin())) {
+            oid buf[MAX_OID_LEN];
+            size_t n = name.size();
+            std::copy(name.begin(), name.end(), buf);
+            return v.findVar(&vp, buf, &n, 1, len, wm);
+        }
     }
-    static Varbind gauge(Oid name, unsigned long v) {
-        return integer(std::move(name), long(v), ASN_UNSIGNED);
-    }
-    static Varbind octets(Oid name, const std::string &text) {
-        return {std::move(name), ASN_OCTET_STR, std::vector<u_char>(text.begin(), text.end())};
-    }
+    return nullptr;
+}
+
+// Resets the platform before a test's channel installs its transport.
+struct PlatformReset {
+    PlatformReset() { platform::reset_for_tests(); }
 };
 
 struct SetResult {
-    int status = SNMP_ERR_NOERROR; // the first failure, as the agent reports it
-    int phase = -1;                // the phase that failed
-    int index = -1;                // the varbind that failed
+    int status = SNMP_ERR_NOERROR, phase = -1; // the first failure
 };
 
-inline std::ostream &operator<<(std::ostream &os, const SetResult &r) {
-    return os << "status " << r.status << " in phase " << r.phase << " at varbind " << r.index;
-}
-
-// One SET request: for each varbind the read handler (exact) and RESERVE1; RESERVE2, ACTION
-// and COMMIT for all; FREE for all after a failed RESERVE phase; UNDO and then FREE for all
-// after a failed ACTION.
-class SetRequest {
-  public:
-    explicit SetRequest(std::vector<Varbind> varbinds) : vbs_(std::move(varbinds)) {}
-
-    SetResult run() {
-        const size_t n = vbs_.size();
-        methods_.assign(n, nullptr);
-        stat_.assign(n, nullptr);
-        SetResult result;
-        for (size_t i = 0; i < n && result.status == 0; ++i) {
-            lookup(i);
-            if (methods_[i] == nullptr) {
-                note(result, SNMP_ERR_NOTWRITABLE, RESERVE1, i);
-                break;
-            }
-            note(result, call(i, RESERVE1), RESERVE1, i);
+// One SET request as net-snmp's agent runs it: for each varbind in turn the read handler,
+// which hands back the write handler and the current value, then RESERVE1; RESERVE2 and
+// ACTION of every varbind; then COMMIT of all, FREE of all after a failed RESERVE phase, or
+// UNDO of all after a failed ACTION. Each handler sees its own copy of the value.
+inline SetResult run_set(std::vector<Varbind> vbs) {
+    std::vector<WriteMethod *> wm(vbs.size());
+    std::vector<u_char *> stat(vbs.size());
+    SetResult r;
+    auto call = [&](size_t i, int action) {
+        Bytes v = vbs[i].value;
+        u_char none = 0;
+        int s = wm[i] != nullptr     ? wm[i](action, v.empty() ? &none : v.data(), vbs[i].type,
+                                         v.size(), stat[i], vbs[i].name.data(), vbs[i].name.size())
+                : action == RESERVE1 ? SNMP_ERR_NOTWRITABLE
+                                     : 0;
+        if (s != 0 && r.status == 0) {
+            r = {s, action};
         }
-        if (result.status == 0) {
-            for (size_t i = 0; i < n; ++i) {
-                note(result, call(i, RESERVE2), RESERVE2, i);
-            }
-        }
-        if (result.status != 0) {
-            all(FREE);
-            return result;
-        }
-        for (size_t i = 0; i < n; ++i) {
-            note(result, call(i, ACTION), ACTION, i);
-        }
-        if (result.status != 0) {
-            all(UNDO);
-            all(FREE);
-            return result;
-        }
-        all(COMMIT);
-        return result;
-    }
-
-    u_char *stat(size_t i) const { return stat_.at(i); }
-    WriteMethod *method(size_t i) const { return methods_.at(i); }
-
-  private:
-    static void note(SetResult &r, int status, int phase, size_t i) {
-        if (status != 0 && r.status == 0) {
-            r.status = status;
-            r.phase = phase;
-            r.index = int(i);
-        }
-    }
-
-    // The object table entry whose OID the varbind's name begins with.
-    static const variable7 *entry_for(const Oid &name) {
-        for (const auto &v : callhome_mib_variables) {
-            const size_t len = CALLHOME_MIB_ROOT_LEN + v.namelen;
-            if (name.size() < len) {
-                continue;
-            }
-            Oid full = root_oid();
-            full.insert(full.end(), v.name, v.name + v.namelen);
-            if (std::equal(full.begin(), full.end(), name.begin())) {
-                return &v;
-            }
-        }
-        return nullptr;
-    }
-
-    void lookup(size_t i) {
-        const variable7 *v = entry_for(vbs_[i].name);
-        if (v == nullptr) {
-            return;
-        }
-        variable vp{};
-        vp.magic = v->magic;
-        vp.type = v->type;
-        vp.acl = v->acl;
-        vp.findVar = v->findVar;
-        vp.namelen = u_char(CALLHOME_MIB_ROOT_LEN + v->namelen);
-        std::memcpy(vp.name, callhome_mib_variables_oid, sizeof callhome_mib_variables_oid);
-        std::memcpy(vp.name + CALLHOME_MIB_ROOT_LEN, v->name, v->namelen * sizeof(oid));
-        oid name[MAX_OID_LEN];
-        size_t len = vbs_[i].name.size();
-        std::memcpy(name, vbs_[i].name.data(), len * sizeof(oid));
-        size_t var_len = 0;
-        WriteMethod *wm = nullptr;
-        stat_[i] = v->findVar(&vp, name, &len, 1, &var_len, &wm);
-        methods_[i] = wm;
-    }
-
-    int call(size_t i, int action) {
-        if (methods_[i] == nullptr) {
-            return 0;
-        }
-        Varbind &vb = vbs_[i];
-        std::vector<u_char> value = vb.value; // the handler sees the agent's copy
-        return methods_[i](action, value.empty() ? empty_ : value.data(), vb.type, value.size(),
-                           stat_[i], vb.name.data(), vb.name.size());
-    }
-
-    void all(int action) {
-        for (size_t i = 0; i < vbs_.size(); ++i) {
+    };
+    auto all = [&](int action) {
+        for (size_t i = 0; i < vbs.size(); ++i) {
             call(i, action);
         }
+    };
+    for (size_t i = 0; i < vbs.size(); ++i) {
+        size_t len = 0;
+        stat[i] = find_var(vbs[i].name, &wm[i], &len);
+        call(i, RESERVE1);
     }
-
-    std::vector<Varbind> vbs_;
-    std::vector<WriteMethod *> methods_;
-    std::vector<u_char *> stat_;
-    u_char empty_[1] = {0};
-};
-
-inline SetResult run_set(std::vector<Varbind> vbs) {
-    return SetRequest(std::move(vbs)).run();
-}
-
-// A GET of one column instance through the module's read handler; false when it has none.
-inline bool read_column(const Oid &name, std::vector<u_char> &value) {
-    for (const auto &v : callhome_mib_variables) {
-        Oid full = root_oid();
-        full.insert(full.end(), v.name, v.name + v.namelen);
-        if (name.size() < full.size() || !std::equal(full.begin(), full.end(), name.begin())) {
-            continue;
-        }
-        variable vp{};
-        vp.magic = v.magic;
-        vp.type = v.type;
-        vp.acl = v.acl;
-        vp.findVar = v.findVar;
-        vp.namelen = u_char(full.size());
-        std::copy(full.begin(), full.end(), vp.name);
-        oid buf[MAX_OID_LEN];
-        size_t len = name.size();
-        std::copy(name.begin(), name.end(), buf);
-        size_t var_len = 0;
-        WriteMethod *wm = nullptr;
-        const u_char *p = v.findVar(&vp, buf, &len, 1, &var_len, &wm);
-        if (p == nullptr) {
-            return false;
-        }
-        value.assign(p, p + var_len);
-        return true;
+    if (r.status == 0) {
+        all(RESERVE2);
     }
-    return false;
-}
-
-// An INTEGER or Gauge32 column read back; -1 when the instance doesn't exist.
-inline long read_number(const Oid &name) {
-    std::vector<u_char> v;
-    if (!read_column(name, v) || v.size() < sizeof(int32_t)) {
-        return -1;
+    if (r.status != 0) {
+        all(FREE);
+        return r;
     }
-    if (v.size() == sizeof(long)) {
-        long n;
-        std::memcpy(&n, v.data(), sizeof n);
-        return n;
-    }
-    int32_t n;
-    std::memcpy(&n, v.data(), sizeof n);
-    return n;
+    all(ACTION);
+    all(r.status == 0 ? COMMIT : UNDO);
+    return r;
 }
 
-// A text column read back; "<none>" when the instance doesn't exist.
-inline std::string read_text(const Oid &name) {
-    std::vector<u_char> v;
-    return read_column(name, v) ? std::string(v.begin(), v.end()) : "<none>";
-}
-
-// Calls one write handler in one phase, outside a request.
-inline int write_phase(WriteMethod *method, int action, const Varbind &vb,
-                       u_char *statP = nullptr) {
-    std::vector<u_char> value = vb.value;
-    u_char empty[1] = {0};
-    Oid name = vb.name;
-    return method(action, value.empty() ? empty : value.data(), vb.type, value.size(), statP,
-                  name.data(), name.size());
-}
-
-// Every container of the module is empty between requests.
 inline void expect_containers_empty() {
-    EXPECT_EQ(platform::indxobj_size(callHomeDestProfileEntry_list), 0u);
-    EXPECT_EQ(platform::indxobj_size(callHomeDestProfileEntry_undo_list), 0u);
-    EXPECT_EQ(platform::indxobj_size(callHomeDestEmailAddressEntry_list), 0u);
-    EXPECT_EQ(platform::indxobj_size(callHomeDestEmailAddressEntry_undo_list), 0u);
-    EXPECT_EQ(platform::indxobj_size(callHomeUserDefCliCmd_list), 0u);
-    EXPECT_EQ(platform::indxobj_size(callHomeUserDefCliCmd_undo_list), 0u);
+    for (const indxobj_t *list :
+         {callHomeDestProfileEntry_list, callHomeDestProfileEntry_undo_list,
+          callHomeDestEmailAddressEntry_list, callHomeDestEmailAddressEntry_undo_list,
+          callHomeUserDefCliCmd_list, callHomeUserDefCliCmd_undo_list}) {
+        EXPECT_EQ(platform::indxobj_size(list), 0u);
+    }
 }
 
-// ---- A model of the service's tables behind the scripted channel ------------------------
+// ---- Records as they travel (numbers big-endian), and a model of the service's tables ----
 
-// Records big-endian on the wire, host order here.
-inline uint32_t swap32(uint32_t v) {
-    return __builtin_bswap32(v);
-}
+using Write = std::tuple<int, int, Bytes>; // opcode, message type, record
 
-inline callHomeDestProfileEntry_t profile_from_wire(std::vector<uint8_t> bytes) {
-    callHomeDestProfileEntry_t r{};
-    std::memcpy(&r, bytes.data(), std::min(bytes.size(), sizeof r));
-    r.transport_method = int32_t(swap32(uint32_t(r.transport_method)));
-    r.format_method = int32_t(swap32(uint32_t(r.format_method)));
-    r.maximum_message_size = swap32(r.maximum_message_size);
-    r.row_status = int32_t(swap32(uint32_t(r.row_status)));
-    return r;
+template <class R> Write write_of(int opcode, const R &r) {
+    const auto *p = reinterpret_cast<const uint8_t *>(&r);
+    return {opcode, SET_REQ, Bytes(p, p + sizeof r)};
 }
-inline callHomeDestProfileEntry_t profile_to_wire(callHomeDestProfileEntry_t r) {
-    r.transport_method = int32_t(swap32(uint32_t(r.transport_method)));
-    r.format_method = int32_t(swap32(uint32_t(r.format_method)));
-    r.maximum_message_size = swap32(r.maximum_message_size);
-    r.row_status = int32_t(swap32(uint32_t(r.row_status)));
-    return r;
-}
-inline callHomeDestEmailAddressEntry_t email_from_wire(std::vector<uint8_t> bytes) {
-    callHomeDestEmailAddressEntry_t r{};
-    std::memcpy(&r, bytes.data(), std::min(bytes.size(), sizeof r));
-    r.index = int32_t(swap32(uint32_t(r.index)));
-    r.row_status = int32_t(swap32(uint32_t(r.row_status)));
-    return r;
-}
-inline callHomeDestEmailAddressEntry_t email_to_wire(callHomeDestEmailAddressEntry_t r) {
-    r.index = int32_t(swap32(uint32_t(r.index)));
-    r.row_status = int32_t(swap32(uint32_t(r.row_status)));
-    return r;
-}
-inline cmi_userdef_cli_cmd_t command_from_wire(std::vector<uint8_t> bytes) {
-    cmi_userdef_cli_cmd_t r{};
-    std::memcpy(&r, bytes.data(), std::min(bytes.size(), sizeof r));
-    r.index = int32_t(swap32(uint32_t(r.index)));
-    r.row_status = int32_t(swap32(uint32_t(r.row_status)));
-    return r;
-}
-inline cmi_userdef_cli_cmd_t command_to_wire(cmi_userdef_cli_cmd_t r) {
-    r.index = int32_t(swap32(uint32_t(r.index)));
-    r.row_status = int32_t(swap32(uint32_t(r.row_status)));
-    return r;
+inline Write del(Write w) {
+    std::get<1>(w) = DELETE_REQ;
+    return w;
 }
 
-// Just enough of the service for the write paths: exact reads, SET and DELETE of the three
-// tables, the alert-group types and each profile's alert groups. `fail` makes the next
-// request of an opcode and message type answer a status instead.
+inline int32_t be(int v) {
+    return int32_t(be32(uint32_t(v)));
+}
+inline Write profile_row(const std::string &name, int format = 1, uint32_t size = 500000,
+                         int8_t level = 0, int transport = 1, int status = 1) {
+    callHomeDestProfileEntry_t p{{},         be(transport), be(format), be32(size),
+                                 be(status), level,         0,          0};
+    name.copy(p.destination_profile_id, sizeof p.destination_profile_id - 1);
+    return write_of(CALLHOME_DEST_PROFILE_OPC, p);
+}
+inline Write email_row(const std::string &profile, int index, const std::string &addr,
+                       int status = 1) {
+    callHomeDestEmailAddressEntry_t e{{}, {}, be(index), be(status), 0};
+    profile.copy(e.destination_profile_id, sizeof e.destination_profile_id - 1);
+    addr.copy(e.email_addr, sizeof e.email_addr - 1);
+    return write_of(CALLHOME_DEST_EMAIL_OPC, e);
+}
+inline Write command_row(const std::string &type, int index, const std::string &cmd,
+                         int status = 1) {
+    cmi_userdef_cli_cmd_t c{be(index), {}, be(status), {}, 0};
+    type.copy(c.alertgroup_type, sizeof c.alertgroup_type - 1);
+    cmd.copy(c.cli_cmd, sizeof c.cli_cmd - 1);
+    return write_of(CALLHOME_USER_DEF_CMD_OPC, c);
+}
+inline Write group_row(const std::string &profile, const std::string &group) {
+    callHomeAlertGroupEntry_t g{}; // as the module sends it: word and row status 0
+    profile.copy(g.destination_profile_id, sizeof g.destination_profile_id - 1);
+    group.copy(g.alert_group, sizeof g.alert_group - 1);
+    return write_of(CALLHOME_PROFILE_ALERTGROUP_OPC, g);
+}
+inline Write type_row(uint32_t index, const std::string &name) {
+    callhome_alertgroup_type_t t{be32(index), {}};
+    name.copy(t.grp_name, sizeof t.grp_name - 1);
+    return write_of(CALLHOME_ALERTGROUP_TYPE_OPC, t);
+}
+
+// The service's tables: exact and next reads, SET and DELETE, each row under its index
+// fields laid out so that byte order is row order. `fail` makes the request of an opcode and
+// message type after `skip` others answer `status` instead.
 class TableModel {
   public:
-    using Reply = platform::CmiReply;
-    using Request = platform::CmiRequest;
+    using Key = std::pair<int, std::string>; // opcode, index fields
+    std::map<Key, Bytes> rows;
 
     explicit TableModel(FakeChannel &channel) {
-        channel.serve_with([this](const Request &r) { return serve(r); });
+        channel.serve_with([this](const platform::CmiRequest &r) { return serve(r); });
     }
-
-    std::map<std::string, callHomeDestProfileEntry_t> profiles;
-    std::map<std::pair<std::string, int>, callHomeDestEmailAddressEntry_t> emails;
-    std::map<std::pair<std::string, int>, cmi_userdef_cli_cmd_t> commands;
-    std::map<uint32_t, std::string> types;
-    std::map<std::pair<std::string, std::string>, callHomeAlertGroupEntry_t> groups;
-
-    // The request of that opcode and type after `skip` others answers `status`.
+    void put(const Write &w) {
+        rows[{std::get<0>(w), key(std::get<0>(w), std::get<2>(w))}] = std::get<2>(w);
+    }
     void fail(int opcode, int msg_type, int status, int skip = 0) {
         faults_[{opcode, msg_type}] = {status, skip};
     }
 
-    void add_profile(const std::string &name, int format = 1, uint32_t size = 500000) {
-        callHomeDestProfileEntry_t p{};
-        std::strncpy(p.destination_profile_id, name.c_str(), 31);
-        p.transport_method = 1;
-        p.format_method = format;
-        p.maximum_message_size = size;
-        p.row_status = 1;
-        profiles[name] = p;
-    }
-    void add_email(const std::string &profile, int index, const std::string &addr) {
-        callHomeDestEmailAddressEntry_t e{};
-        std::strncpy(e.destination_profile_id, profile.c_str(), 31);
-        std::strncpy(e.email_addr, addr.c_str(), 255);
-        e.index = index;
-        e.row_status = 1;
-        emails[{profile, index}] = e;
-    }
-    void add_command(const std::string &type, int index, const std::string &cmd) {
-        cmi_userdef_cli_cmd_t c{};
-        c.index = index;
-        std::strncpy(c.alertgroup_type, type.c_str(), 255);
-        std::strncpy(c.cli_cmd, cmd.c_str(), 599);
-        c.row_status = 1;
-        commands[{type, index}] = c;
-    }
-    void add_group(const std::string &profile, const std::string &group) {
-        callHomeAlertGroupEntry_t g{};
-        std::strncpy(g.destination_profile_id, profile.c_str(), 31);
-        std::strncpy(g.alert_group, group.c_str(), 259);
-        g.row_status = 1;
-        groups[{profile, group}] = g;
-    }
-
   private:
-    static bool is_get(int t) { return t == GET_REQ || t == VELD_GET_REQ; }
-    static bool is_getnext(int t) { return t == GETNEXT_REQ || t == VELD_GETNEXT_REQ; }
-    static Reply status(int s) { return Reply{s, false, {}, 0}; }
-    template <class R> static Reply record(const R &r) {
-        const auto *p = reinterpret_cast<const uint8_t *>(&r);
-        return Reply{0, true, std::vector<uint8_t>(p, p + sizeof r), 0};
+    static std::string key(int opcode, Bytes r) {
+        r.resize(std::max<size_t>(r.size(), 1024));
+        auto text = [&](size_t off, size_t n) { // the text up to its NUL, padded
+            const char *p = reinterpret_cast<const char *>(&r[off]);
+            std::string s(p, n);
+            std::fill(s.begin() + strnlen(p, n), s.end(), '\0');
+            return s;
+        };
+        auto raw = [&](size_t off) { return std::string(&r[off], &r[off] + 4); };
+        switch (opcode) {
+        case CALLHOME_DEST_PROFILE_OPC:
+            return text(0, 32);
+        case CALLHOME_DEST_EMAIL_OPC:
+            return text(0, 32) + raw(offsetof(callHomeDestEmailAddressEntry_t, index));
+        case CALLHOME_USER_DEF_CMD_OPC:
+            return text(4, 256) + raw(0);
+        case CALLHOME_PROFILE_ALERTGROUP_OPC:
+            return text(0, 32) + text(offsetof(callHomeAlertGroupEntry_t, alert_group), 260);
+        default:
+            return raw(0);
+        }
     }
-
-    Reply serve(const Request &r) {
+    platform::CmiReply serve(const platform::CmiRequest &r) {
+        auto status = [](int s) { return platform::CmiReply{s, false, {}, 0}; };
         auto fault = faults_.find({r.opcode, r.msg_type});
         if (fault != faults_.end() && fault->second.second-- == 0) {
             const int s = fault->second.first;
             faults_.erase(fault);
             return status(s);
         }
-        switch (r.opcode) {
-        case CALLHOME_DEST_PROFILE_OPC:
-            return serve_profile(r);
-        case CALLHOME_DEST_EMAIL_OPC:
-            return serve_email(r);
-        case CALLHOME_USER_DEF_CMD_OPC:
-            return serve_command(r);
-        case CALLHOME_ALERTGROUP_TYPE_OPC:
-            return serve_type(r);
-        case CALLHOME_PROFILE_ALERTGROUP_OPC:
-            return serve_group(r);
-        default:
-            return status(CALLHOME_UNKNOWN_ENTRY);
-        }
-    }
-
-    Reply serve_profile(const Request &r) {
-        auto rec = profile_from_wire(r.record);
-        std::string name(rec.destination_profile_id, strnlen(rec.destination_profile_id, 32));
-        if (is_get(r.msg_type)) {
-            auto it = profiles.find(name);
-            return it == profiles.end() ? status(CALLHOME_UNKNOWN_ENTRY)
-                                        : record(profile_to_wire(it->second));
-        }
-        if (is_getnext(r.msg_type)) {
-            auto it = profiles.upper_bound(name);
-            return it == profiles.end() ? status(CALLHOME_END_OF_TABLE)
-                                        : record(profile_to_wire(it->second));
-        }
+        const Key k{r.opcode, key(r.opcode, r.record)};
         if (r.msg_type == SET_REQ) {
-            profiles[name] = rec;
-            return status(0);
-        }
-        return profiles.erase(name) != 0 ? status(0) : status(CALLHOME_UNKNOWN_ENTRY);
-    }
-
-    Reply serve_email(const Request &r) {
-        auto rec = email_from_wire(r.record);
-        std::pair<std::string, int> key{
-            std::string(rec.destination_profile_id, strnlen(rec.destination_profile_id, 32)),
-            rec.index};
-        if (is_get(r.msg_type)) {
-            auto it = emails.find(key);
-            return it == emails.end() ? status(CALLHOME_UNKNOWN_ENTRY)
-                                      : record(email_to_wire(it->second));
-        }
-        if (r.msg_type == SET_REQ) {
-            emails[key] = rec;
+            rows[k] = r.record;
             return status(0);
         }
         if (r.msg_type == DELETE_REQ) {
-            return emails.erase(key) != 0 ? status(0) : status(CALLHOME_UNKNOWN_ENTRY);
+            return status(rows.erase(k) != 0 ? 0 : CALLHOME_UNKNOWN_ENTRY);
         }
-        return status(CALLHOME_END_OF_TABLE);
+        const bool next = r.msg_type == GETNEXT_REQ || r.msg_type == VELD_GETNEXT_REQ;
+        auto it = next ? rows.upper_bound(k) : rows.find(k);
+        if (it == rows.end() || it->first.first != r.opcode) {
+            return status(next ? CALLHOME_END_OF_TABLE : CALLHOME_UNKNOWN_ENTRY);
+        }
+        return platform::CmiReply{0, true, it->second, 0};
     }
-
-    Reply serve_command(const Request &r) {
-        auto rec = command_from_wire(r.record);
-        std::pair<std::string, int> key{
-            std::string(rec.alertgroup_type, strnlen(rec.alertgroup_type, 256)), rec.index};
-        if (is_get(r.msg_type)) {
-            auto it = commands.find(key);
-            return it == commands.end() ? status(CALLHOME_UNKNOWN_ENTRY)
-                                        : record(command_to_wire(it->second));
-        }
-        if (r.msg_type == SET_REQ) {
-            commands[key] = rec;
-            return status(0);
-        }
-        if (r.msg_type == DELETE_REQ) {
-            return commands.erase(key) != 0 ? status(0) : status(CALLHOME_UNKNOWN_ENTRY);
-        }
-        return status(CALLHOME_END_OF_TABLE);
-    }
-
-    Reply serve_type(const Request &r) {
-        callhome_alertgroup_type_t rec{};
-        std::memcpy(&rec, r.record.data(), std::min(r.record.size(), sizeof rec));
-        const uint32_t index = swap32(rec.index);
-        auto it = is_get(r.msg_type) ? types.find(index) : types.upper_bound(index);
-        if (it == types.end()) {
-            return status(is_get(r.msg_type) ? CALLHOME_UNKNOWN_ENTRY : CALLHOME_END_OF_TABLE);
-        }
-        callhome_alertgroup_type_t out{};
-        out.index = swap32(it->first);
-        std::strncpy(out.grp_name, it->second.c_str(), sizeof out.grp_name - 1);
-        return record(out);
-    }
-
-    Reply serve_group(const Request &r) {
-        callHomeAlertGroupEntry_t rec{};
-        std::memcpy(&rec, r.record.data(), std::min(r.record.size(), sizeof rec));
-        std::pair<std::string, std::string> key{
-            std::string(rec.destination_profile_id, strnlen(rec.destination_profile_id, 32)),
-            std::string(rec.alert_group, strnlen(rec.alert_group, 260))};
-        if (is_getnext(r.msg_type)) {
-            auto it = groups.upper_bound(key);
-            if (it == groups.end()) {
-                return status(CALLHOME_END_OF_TABLE);
-            }
-            callHomeAlertGroupEntry_t out = it->second;
-            out.row_status = int32_t(swap32(uint32_t(out.row_status)));
-            return record(out);
-        }
-        if (r.msg_type == SET_REQ) {
-            groups[key] = rec;
-            return status(0);
-        }
-        if (r.msg_type == DELETE_REQ) {
-            return groups.erase(key) != 0 ? status(0) : status(CALLHOME_UNKNOWN_ENTRY);
-        }
-        return status(CALLHOME_UNKNOWN_ENTRY);
-    }
-
     std::map<std::pair<int, int>, std::pair<int, int>> faults_;
 };
 
-// The write requests (SET and DELETE) among the recorded ones.
-inline std::vector<platform::CmiRequest> writes(const FakeChannel &channel) {
-    std::vector<platform::CmiRequest> out;
+// The SET and DELETE requests sent, each checked for the channel arguments of a write and
+// bracketed for the process monitor (reads are not).
+inline std::vector<Write> writes(const FakeChannel &channel, const std::string &user,
+                                 uint32_t session) {
+    std::vector<Write> out;
+    std::vector<int> beats;
     for (const auto &r : channel.requests()) {
         if (r.msg_type == SET_REQ || r.msg_type == DELETE_REQ) {
-            out.push_back(r);
+            EXPECT_EQ(std::make_tuple(r.wants_record, r.user, r.session, r.client, r.wait),
+                      std::make_tuple(false, user, session, 66, 10));
+            out.emplace_back(r.opcode, r.msg_type, r.record);
+            beats.insert(beats.end(), {1, 0});
         }
     }
+    EXPECT_EQ(platform::heartbeat_log(), beats);
     return out;
 }
 
