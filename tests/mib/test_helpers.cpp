@@ -1,71 +1,105 @@
-// Shared helpers: text indexes in OIDs, the time-of-day text, the debug trace, status texts and
-// the error record. (Which column gets which write handler is exercised by every column write
-// through snmpd in tests/agent/test_agent_table_write.cpp.)
+// The module frame (loading and unloading with the index containers and notification
+// registrations), the shared helpers (text indexes in OIDs, the time-of-day text, the debug
+// trace, status texts and the error record) and the wire records (byte order, defaults of new
+// rows, container orderings, the status mapping). The object table's names, OIDs, types and access
+// are checked against the MIB in tests/mib_def, its walk order and the column write handlers
+// through snmpd in tests/agent.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "callhome_mib.h"
 #include "platform/testing.hpp"
 
 namespace {
 
-class Helpers : public ::testing::Test {
+class Module : public ::testing::Test {
   protected:
     void SetUp() override { platform::reset_for_tests(); }
-    void TearDown() override { platform::reset_for_tests(); }
+    void TearDown() override {
+        deinit_callhome_mib();
+        platform::reset_for_tests();
+    }
+
+    // Loaded: six containers and both notifications; otherwise nothing at all.
+    static void expect_loaded(bool loaded) {
+        EXPECT_EQ(platform::live_indxobj_count(), loaded ? 6u : 0u);
+        for (indxobj_t *c :
+             {callHomeDestEmailAddressEntry_undo_list, callHomeDestEmailAddressEntry_list,
+              callHomeDestProfileEntry_list, callHomeDestProfileEntry_undo_list,
+              callHomeUserDefCliCmd_list, callHomeUserDefCliCmd_undo_list}) {
+            EXPECT_EQ(c != nullptr, loaded);
+        }
+        EXPECT_EQ(platform::registered_notification_count(), loaded ? 2u : 0u);
+    }
 };
 
-TEST_F(Helpers, TextIndexesInOids) {
+// A container that cannot be created undoes everything; loading and unloading twice leave
+// nothing behind (containers own their rows: the leak checker sees what unloading misses).
+TEST_F(Module, LoadAndUnload) {
+    for (int successes = 0; successes < 6; ++successes) {
+        SCOPED_TRACE("creations before the failure: " + std::to_string(successes));
+        platform::fail_indxobj_create_after(successes);
+        init_callhome_mib();
+        expect_loaded(false);
+        platform::fail_indxobj_create_after(-1);
+    }
+    for (int round = 0; round < 2; ++round) {
+        init_callhome_mib();
+        expect_loaded(true);
+        // Rows with the same profile name are one row; a second add is refused.
+        auto *first = static_cast<callHomeDestProfileEntry_t *>(
+            calloc(1, sizeof(callHomeDestProfileEntry_t)));
+        callHomeDestProfileEntry_t second{};
+        strcpy(first->destination_profile_id, "p1");
+        strcpy(second.destination_profile_id, "p1");
+        ASSERT_EQ(indxobj_add(callHomeDestProfileEntry_list, first, first), 0);
+        EXPECT_NE(indxobj_add(callHomeDestProfileEntry_list, &second, &second), 0);
+        EXPECT_EQ(indxobj_find(callHomeDestProfileEntry_list, &second), first);
+        deinit_callhome_mib();
+        expect_loaded(false);
+    }
+}
+
+TEST_F(Module, TextIndexesInOids) {
     const oid name[] = {9, 9, 97, 98, 99, 353, 9};
     char out[8];
     oid_to_string(name, out, 2, 3);
     EXPECT_STREQ(out, "abc");
     oid_to_string(name, out, 5, 1);
     EXPECT_STREQ(out, "a"); // the low byte of each arc: 353 & 0xFF == 97
-    for (int count : {0, -3}) {
-        memset(out, 'x', sizeof out);
-        oid_to_string(name, out, 2, count);
-        EXPECT_STREQ(out, "") << count;
-    }
     oid arcs[6] = {1, 1, 1, 1, 1, 1};
     const oid expected[] = {1, 1, 97, 0xE9, 122, 1}; // unsigned bytes, no terminator arc
     string_to_oid("a\xE9z", arcs, 2, 3);
     EXPECT_EQ(0, memcmp(arcs, expected, sizeof arcs));
-    for (int count : {0, -1}) {
+    for (int count : {0, -1}) { // nothing is written
+        memset(out, 'x', sizeof out);
+        oid_to_string(name, out, 2, count);
+        EXPECT_STREQ(out, "") << count;
         string_to_oid("zz", arcs, 0, count);
         EXPECT_EQ(0, memcmp(arcs, expected, sizeof arcs)) << count;
     }
 }
 
-TEST_F(Helpers, TimeOfDayText) {
-    const std::pair<long, const char *> cases[] = {{0, "00:00"},      {59, "00:59"},
-                                                   {605, "10:05"},    {1439, "23:59"},
-                                                   {-90, "0-1:0-30"}, {6000, "100:00"}};
-    for (const auto &[minutes, text] : cases) {
-        char *result = to_HHMM_string(minutes);
-        EXPECT_STREQ(result, text) << minutes;
-        EXPECT_EQ(result, HHMM_buf); // the module-wide buffer outlives the call
-    }
-}
-
-TEST_F(Helpers, TraceRecordsLevelAndTextCutToItsBuffer) {
+TEST_F(Module, TraceRecordsLevelAndTextCutToItsBuffer) {
     platform::clear_trace_history();
     callhome_trace(CALLHOME_TRACE_INFO, "%s : RESERVE1 -- done \n", "set_x");
     callhome_trace(CALLHOME_TRACE_ERROR, "%s : Req failed : %s\n", "get_x", "boom");
     callhome_trace(CALLHOME_TRACE_INFO, "%s", std::string(2000, 'q').c_str());
     platform::set_debug_output(true); // the debug copy must not change the history
     callhome_trace(CALLHOME_TRACE_INFO, "short\n");
-    const auto history = platform::trace_history();
-    ASSERT_EQ(history.size(), 4u);
-    EXPECT_EQ(history[0], std::make_pair(101, std::string("set_x : RESERVE1 -- done \n")));
-    EXPECT_EQ(history[1], std::make_pair(100, std::string("get_x : Req failed : boom\n")));
-    EXPECT_EQ(history[2].second, std::string(511, 'q'));
-    EXPECT_EQ(history[3].second, "short\n");
+    EXPECT_EQ(platform::trace_history(),
+              (std::vector<std::pair<int, std::string>>{{101, "set_x : RESERVE1 -- done \n"},
+                                                        {100, "get_x : Req failed : boom\n"},
+                                                        {101, std::string(511, 'q')},
+                                                        {101, "short\n"}}));
 }
 
-TEST_F(Helpers, StatusTextsAndErrorRecord) {
+TEST_F(Module, StatusTextsAndErrorRecord) {
     // strerror's text for an unknown number lives only until its next call: copy it.
     const std::string no_status = strerror(-1);
     EXPECT_EQ(std::string(callhome_status_text(-1)), no_status);
@@ -83,6 +117,133 @@ TEST_F(Helpers, StatusTextsAndErrorRecord) {
     EXPECT_EQ(strlen(callhome_snmp_error.text), eio.size());
     for (uint8_t b : callhome_snmp_error.reserved) {
         ASSERT_EQ(b, 0); // the leading part is never written
+    }
+}
+
+// Fills the record with a pattern in which no 4-byte word reads the same backwards, puts
+// 0x01020304 at each word offset, converts to the wire: exactly those words are swapped and
+// every other byte (texts, flags) is kept; converting back restores the record.
+template <class R>
+void check_byte_order(void (*hton)(R *), void (*ntoh)(R *), std::vector<size_t> words) {
+    R r;
+    auto *bytes = reinterpret_cast<uint8_t *>(&r);
+    for (size_t i = 0; i < sizeof r; ++i) {
+        bytes[i] = static_cast<uint8_t>(i * 7 + 1);
+    }
+    const uint32_t host = 0x01020304;
+    const uint8_t big_endian[4] = {1, 2, 3, 4};
+    std::vector<uint8_t> original(sizeof r), expected;
+    for (size_t off : words) {
+        memcpy(bytes + off, &host, 4);
+    }
+    memcpy(original.data(), bytes, sizeof r);
+    expected = original;
+    for (size_t off : words) {
+        memcpy(expected.data() + off, big_endian, 4);
+    }
+    hton(&r);
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + sizeof r), expected);
+    ntoh(&r);
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + sizeof r), original);
+}
+
+TEST(RecordByteOrder, EveryWordAndNothingElse) {
+    check_byte_order(callHomeDestProfileEntry_hton, callHomeDestProfileEntry_ntoh,
+                     {32, 36, 40, 44});
+    check_byte_order(callHomeDestEmailAddressEntry_hton, callHomeDestEmailAddressEntry_ntoh,
+                     {288, 292});
+    check_byte_order(callHomeAlertGroupEntry_hton, callHomeAlertGroupEntry_ntoh, {32, 36});
+    check_byte_order(callHomeEmailConf_hton, callHomeEmailConf_ntoh, {1024, 1028});
+    check_byte_order(callhome_alertgroup_type_hton, callhome_alertgroup_type_ntoh, {0});
+    check_byte_order(cmi_userdef_cli_cmd_hton, cmi_userdef_cli_cmd_ntoh, {0, 260});
+}
+
+TEST(RecordDefaults, KeepTheKeyAndRowStatus) {
+    callHomeDestProfileEntry_t p;
+    memset(&p, 0x5A, sizeof p);
+    strcpy(p.destination_profile_id, "p1");
+    p.row_status = 4;
+    callHomeDestProfileEntry_defaults(&p);
+    EXPECT_STREQ(p.destination_profile_id, "p1");
+    EXPECT_EQ(std::make_tuple(p.row_status, p.transport_method, p.format_method),
+              std::make_tuple(4, 1, 1));
+    EXPECT_EQ(std::make_tuple(p.maximum_message_size, p.msg_level, p.request_flag),
+              std::make_tuple(0u, int8_t{0}, uint8_t{0}));
+    EXPECT_EQ(p.reserved, 0x5A); // not the defaults' business
+
+    callHomeDestEmailAddressEntry_t e;
+    memset(&e, 0x5A, sizeof e);
+    e.index = 3;
+    e.row_status = 5;
+    callHomeDestEmailAddressEntry_defaults(&e);
+    EXPECT_EQ(std::make_tuple(e.destination_profile_id[0], e.email_addr[0], e.commit_flag),
+              std::make_tuple('\0', '\0', uint8_t{0}));
+    EXPECT_EQ(std::make_pair(e.index, e.row_status), std::make_pair(3, 5));
+}
+
+int sign(int v) {
+    return (v > 0) - (v < 0);
+}
+
+// Profiles by stored name, reversed; e-mail addresses by profile, then index; commands by
+// type, then index (exactly -1, 0 or 1). Other fields take no part; null arguments give -1.
+TEST(RecordOrdering, ComparatorsOfTheContainers) {
+    callHomeDestProfileEntry_t p{};
+    callHomeDestEmailAddressEntry_t e{};
+    callHomeUserDefCliCmdEntry_t u{};
+    EXPECT_EQ(callHomeDestProfileEntry_comp(nullptr, &p), -1);
+    EXPECT_EQ(callHomeDestProfileEntry_comp(&p, nullptr), -1);
+    EXPECT_EQ(callHomeDestProfileEntry_comp(nullptr, nullptr), -1);
+    EXPECT_EQ(callHomeDestEmailAddressEntry_comp(nullptr, &e), -1);
+    EXPECT_EQ(callHomeDestEmailAddressEntry_comp(&e, nullptr), -1);
+    EXPECT_EQ(callHomeUserDefCliCmdEntry_comp(nullptr, &u), -1);
+    EXPECT_EQ(callHomeUserDefCliCmdEntry_comp(&u, nullptr), -1);
+
+    // Names are stored cut to 31 characters: what differs beyond is the same row.
+    const std::string n31(31, 'n');
+    const std::tuple<std::string, std::string, int> profiles[] = {
+        {"alpha", "beta", 1},
+        {"beta", "alpha", -1},
+        {"alpha", "alpha", 0},
+        {n31 + "X", n31 + "Y", 0},
+        {n31, std::string(30, 'n') + "m", -1}};
+    for (const auto &[a_name, b_name, expected] : profiles) {
+        callHomeDestProfileEntry_t a{}, b{};
+        a_name.copy(a.destination_profile_id, sizeof a.destination_profile_id - 1);
+        b_name.copy(b.destination_profile_id, sizeof b.destination_profile_id - 1);
+        b.format_method = 3;
+        EXPECT_EQ(sign(callHomeDestProfileEntry_comp(&a, &b)), expected) << a_name << " " << b_name;
+    }
+    // {a key, a index, b key, b index, expected}
+    const std::tuple<int, int, int, int, int> keyed[] = {
+        {1, 1, 1, 1, 0},  {1, 1, 1, 2, 1},  {1, 2, 1, 1, -1}, {1, 9, 2, 1, 1},
+        {2, 1, 1, 9, -1}, {1, -1, 1, 1, 1}, {-5, 1, 1, 1, 1}};
+    for (const auto &[a_key, a_index, b_key, b_index, expected] : keyed) {
+        callHomeDestEmailAddressEntry_t ea{}, eb{};
+        ea.destination_profile_id[0] = static_cast<char>('p' + a_key); // "q", "r" or "k"
+        eb.destination_profile_id[0] = static_cast<char>('p' + b_key);
+        ea.index = a_index;
+        eb.index = b_index;
+        strcpy(ea.email_addr, "one@example.com");
+        strcpy(eb.email_addr, "two@example.com");
+        EXPECT_EQ(sign(callHomeDestEmailAddressEntry_comp(&ea, &eb)), expected) << a_key << a_index;
+        callHomeUserDefCliCmdEntry_t ua{}, ub{};
+        ua.alertgroup_type = a_key;
+        ub.alertgroup_type = b_key;
+        ua.index = a_index;
+        ub.index = b_index;
+        strcpy(ua.alertgroup_name, "x");
+        strcpy(ub.alertgroup_name, "y");
+        EXPECT_EQ(callHomeUserDefCliCmdEntry_comp(&ua, &ub), expected) << a_key << a_index;
+    }
+}
+
+TEST(StatusMapping, ServiceStatusToSnmpError) {
+    EXPECT_EQ(to_snmp_error_code(0), SNMP_ERR_NOERROR);
+    EXPECT_EQ(to_snmp_error_code(CALLHOME_UNKNOWN_ENTRY), SNMP_ERR_NOSUCHNAME);
+    for (int status : {-1, 1, int{CALLHOME_END_OF_TABLE}, int{CALLHOME_ERR_INVALID_INPUT},
+                       int{CALLHOME_ERR_BUILTIN_PROFILE}, int{CALLHOME_ERR_VELD_RESEND}}) {
+        EXPECT_EQ(to_snmp_error_code(status), SNMP_ERR_GENERR) << status;
     }
 }
 
