@@ -2,1091 +2,338 @@
 // service, and how answers and failures come back to the agent.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <deque>
+#include <map>
 #include <optional>
-#include <string>
-#include <vector>
+#include <tuple>
 
-#include "callhome_mib.h"
 #include "fake_channel.hpp"
-#include "platform/testing.hpp"
+#include "table_read_support.hpp"
 
 namespace {
 
-using callhome_test::be32;
+using namespace callhome_read_test;
 using callhome_test::FakeChannel;
-using Arcs = std::vector<oid>;
-using Reply = platform::CmiReply;
+using Request = platform::CmiRequest;
+using Cmd = cmi_userdef_cli_cmd_t;
 
-constexpr uint32_t kTypeListEnd = 0xFFFFFFFFu;
+// A column of each table (profiles, e-mail addresses, a profile's groups, types, commands)
+// and the opcodes of the tables.
+constexpr u_char P = CALLHOMEDESTPROFILEMSGFORMAT, E = CALLHOMEDESTEMAILADDRESS,
+                 G = CALLHOMEALERTGROUPS, T = CALLHOMEALERTGROUPTYPENAME, C = CALLHOMEUSERDEFCLICMD;
+constexpr int PO = CALLHOME_DEST_PROFILE_OPC, EO = CALLHOME_DEST_EMAIL_OPC,
+              GO = CALLHOME_PROFILE_ALERTGROUP_OPC, TO = CALLHOME_ALERTGROUP_TYPE_OPC,
+              CO = CALLHOME_USER_DEF_CMD_OPC;
+const std::string ff(1, '\xFF');
 
-// The variable entry the agent hands to a read handler: the object's full OID.
-struct variable column(u_char magic) {
-    struct variable vp {};
-    for (const auto &v : callhome_mib_variables) {
-        if (v.magic == magic) {
-            vp.magic = v.magic;
-            vp.type = static_cast<char>(v.type);
-            vp.acl = v.acl;
-            vp.findVar = v.findVar;
-            std::copy(callhome_mib_variables_oid, callhome_mib_variables_oid + 9, vp.name);
-            std::copy(v.name, v.name + v.namelen, vp.name + 9);
-            vp.namelen = static_cast<u_char>(9 + v.namelen);
-            return vp;
-        }
+// A header function called directly, as the write handlers call it for a SET.
+mibAlertGroup_t summary;
+int header(u_char magic, const Arcs &index, int exact, int get_for_set) {
+    struct variable vp = column(magic);
+    Arcs a = arcs_of(magic) + index;
+    size_t n = a.size();
+    a.resize(MAX_OID_LEN);
+    switch (magic) {
+    case P:
+        return header_callHomeDestProfileEntry(vp.name, vp.namelen, a.data(), &n, exact,
+                                               &callHomeDestProfileEntry, get_for_set);
+    case E:
+        return header_callHomeDestEmailAddressEntry(vp.name, vp.namelen, a.data(), &n, exact,
+                                                    &callHomeDestEmailAddressEntry, get_for_set);
+    case C:
+        return header_callHomeUserDefCliCmdEntry(vp.name, vp.namelen, a.data(), &n, exact,
+                                                 &callHomeUserDefCliCmdEntry, get_for_set);
+    default:
+        return header_callhome_alertgroups(vp.name, vp.namelen, a.data(), &n, exact, &summary,
+                                           get_for_set);
     }
-    ADD_FAILURE() << "no object with magic " << int(magic);
-    return vp;
 }
-
-Arcs column_arcs(const struct variable &vp) {
-    return Arcs(vp.name, vp.name + vp.namelen);
-}
-
-Arcs operator+(Arcs a, const Arcs &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-// A text index: its length, then one arc per character.
-Arcs text(const std::string &s) {
-    Arcs a{s.size()};
-    for (unsigned char c : s) {
-        a.push_back(c);
-    }
-    return a;
-}
-
-// The request OID as the agent holds it (room for MAX_OID_LEN arcs).
-struct Name {
-    oid arcs[MAX_OID_LEN] = {};
-    size_t length = 0;
-    explicit Name(const Arcs &a) : length(a.size()) { std::copy(a.begin(), a.end(), arcs); }
-    Arcs get() const { return Arcs(arcs, arcs + length); }
-};
-
-struct Read {
-    u_char *value = nullptr;
-    size_t var_len = 0;
-    WriteMethod *write = nullptr;
-};
-
-Read read(struct variable vp, Name &name, int exact) {
-    Read r;
-    r.value = vp.findVar(&vp, name.arcs, &name.length, exact, &r.var_len, &r.write);
-    return r;
-}
-
-int32_t int_value(const Read &r) {
-    EXPECT_EQ(r.var_len, 4u);
-    int32_t v = 0;
-    std::memcpy(&v, r.value, sizeof v);
-    return v;
-}
-
-std::string str_value(const Read &r) {
-    return std::string(reinterpret_cast<const char *>(r.value), r.var_len);
-}
-
-bool traced(int level, const std::string &text) {
-    for (const auto &[l, t] : platform::trace_history()) {
-        if (l == level && t == text) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// ---- wire records as the service sends them (big-endian) ----
-
-callHomeDestProfileEntry_t profile_rec(const std::string &id, int32_t format = 1,
-                                       uint32_t max_size = 500000, int32_t status = 1,
-                                       int8_t level = 0) {
-    callHomeDestProfileEntry_t r{};
-    std::strncpy(r.destination_profile_id, id.c_str(), sizeof r.destination_profile_id - 1);
-    r.transport_method = int32_t(be32(1));
-    r.format_method = int32_t(be32(uint32_t(format)));
-    r.maximum_message_size = be32(max_size);
-    r.row_status = int32_t(be32(uint32_t(status)));
-    r.msg_level = level;
-    return r;
-}
-
-callHomeDestEmailAddressEntry_t email_rec(const std::string &id, const std::string &addr,
-                                          int32_t index) {
-    callHomeDestEmailAddressEntry_t r{};
-    std::strncpy(r.destination_profile_id, id.c_str(), sizeof r.destination_profile_id - 1);
-    std::strncpy(r.email_addr, addr.c_str(), sizeof r.email_addr - 1);
-    r.index = int32_t(be32(uint32_t(index)));
-    r.row_status = int32_t(be32(1));
-    return r;
-}
-
-callHomeAlertGroupEntry_t group_rec(const std::string &id, const std::string &group) {
-    callHomeAlertGroupEntry_t r{};
-    std::strncpy(r.destination_profile_id, id.c_str(), sizeof r.destination_profile_id - 1);
-    std::strncpy(r.alert_group, group.c_str(), sizeof r.alert_group - 1);
-    r.row_status = int32_t(be32(1));
-    return r;
-}
-
-callhome_alertgroup_type_t type_rec(uint32_t index, const std::string &name) {
-    callhome_alertgroup_type_t r{};
-    r.index = be32(index);
-    std::strncpy(r.grp_name, name.c_str(), sizeof r.grp_name - 1);
-    return r;
-}
-
-cmi_userdef_cli_cmd_t cmd_rec(int32_t index, const std::string &type, const std::string &cmd) {
-    cmi_userdef_cli_cmd_t r{};
-    r.index = int32_t(be32(uint32_t(index)));
-    std::strncpy(r.alertgroup_type, type.c_str(), sizeof r.alertgroup_type - 1);
-    r.row_status = int32_t(be32(1));
-    std::strncpy(r.cli_cmd, cmd.c_str(), sizeof r.cli_cmd - 1);
-    return r;
-}
-
-template <class Record> Reply record_reply(const Record &r) {
-    const auto *p = reinterpret_cast<const uint8_t *>(&r);
-    return Reply{0, true, std::vector<uint8_t>(p, p + sizeof r), 0};
-}
-
-Reply status_reply(int status) {
-    return Reply{status, false, {}, 0};
-}
-
-// A scripted service: the alert-group type table answers GET and GETNEXT from a list; the
-// other opcodes answer from their queues (end of table when a queue runs dry).
-struct Backend {
-    std::vector<std::pair<uint32_t, std::string>> types; // increasing indexes
-    std::deque<Reply> profiles, groups, emails, commands;
-
-    Reply serve(const platform::CmiRequest &r) {
-        switch (r.opcode) {
-        case CALLHOME_ALERTGROUP_TYPE_OPC: {
-            const uint32_t asked = be32(FakeChannel::as<callhome_alertgroup_type_t>(r).index);
-            for (const auto &[index, name] : types) {
-                if ((r.msg_type == GET_REQ && index == asked) ||
-                    (r.msg_type != GET_REQ && index > asked)) {
-                    return record_reply(type_rec(index, name));
-                }
-            }
-            return status_reply(r.msg_type == GET_REQ ? CALLHOME_UNKNOWN_ENTRY
-                                                      : CALLHOME_END_OF_TABLE);
-        }
-        case CALLHOME_DEST_PROFILE_OPC:
-            return next(profiles);
-        case CALLHOME_PROFILE_ALERTGROUP_OPC:
-            return next(groups);
-        case CALLHOME_DEST_EMAIL_OPC:
-            return next(emails);
-        default:
-            return next(commands);
-        }
-    }
-
-    static Reply next(std::deque<Reply> &q) {
-        if (q.empty()) {
-            return status_reply(CALLHOME_END_OF_TABLE);
-        }
-        Reply r = q.front();
-        q.pop_front();
-        return r;
-    }
-};
 
 class TableReadTest : public ::testing::Test {
   protected:
+    // The type table answers from `types`; the other tables from their queues, with the end
+    // of the table once a queue runs dry.
     void SetUp() override {
         platform::reset_for_tests();
         platform::set_snmp_context("ops", 4242);
-        channel.emplace();
-        alertgroup_types[0].index = kTypeListEnd;
+        alertgroup_types[0].index = 0xFFFFFFFFu;
         alertgroup_type_count = 0;
-    }
-    void TearDown() override { channel.reset(); }
-
-    // Answers through the scripted backend.
-    void use_backend() {
-        channel->serve_with([this](const platform::CmiRequest &r) { return backend.serve(r); });
-    }
-
-    std::vector<platform::CmiRequest> requests(int opcode) const {
-        std::vector<platform::CmiRequest> out;
-        for (const auto &r : channel->requests()) {
-            if (r.opcode == opcode) {
-                out.push_back(r);
+        channel.emplace();
+        channel->serve_with([this](const Request &r) {
+            auto &q = queues[r.opcode];
+            if (r.opcode == TO || q.empty()) {
+                return r.opcode == TO ? serve_types(types, r) : status_reply(CALLHOME_END_OF_TABLE);
             }
-        }
+            const Reply reply = q.front();
+            q.pop_front();
+            return reply;
+        });
+    }
+    std::vector<Request> sent(int opcode) const {
+        std::vector<Request> out;
+        std::copy_if(channel->requests().begin(), channel->requests().end(),
+                     std::back_inserter(out), [&](const Request &r) { return r.opcode == opcode; });
         return out;
     }
-
-    // Checks what every table read passes besides the record.
-    static void expect_table_read_call(const platform::CmiRequest &r, size_t record_size) {
-        EXPECT_EQ(r.record.size(), record_size);
-        EXPECT_TRUE(r.wants_record);
-        EXPECT_EQ(r.client, 66);
-        EXPECT_EQ(r.wait, 4);
-        EXPECT_EQ(r.user, "ops");
-        EXPECT_EQ(r.session, 4242u);
-        EXPECT_EQ(r.queue, mts_response_q);
+    void restart() {
+        channel->clear();
+        queues.clear();
     }
-
+    // What every table read passes besides its record.
+    static void expect_call(const Request &r, int msg_type, size_t record_size) {
+        EXPECT_EQ(std::make_pair(r.msg_type, r.record.size()),
+                  std::make_pair(msg_type, record_size));
+        EXPECT_TRUE(r.wants_record && r.client == 66 && r.wait == 4 && r.queue == mts_response_q);
+        EXPECT_TRUE(r.user == "ops" && r.session == 4242u);
+    }
     std::optional<FakeChannel> channel;
-    Backend backend;
+    Types types = {{1, "Syslog"}, {2, "Inventory"}, {3, "Environmental"}, {4, "Test"}};
+    std::map<int, std::deque<Reply>> queues;
 };
 
-// ---- index decoding -------------------------------------------------------------------
-
-struct TextIndexCase {
-    const char *what;
-    int exact;
-    Arcs index;
-    int rc;
-    std::string key;
-    const char *trace; // expected trace (function name prefix added), or null
-};
-
-TEST_F(TableReadTest, ProfileInstanceDecodesTextIndexes) {
-    const struct variable vp = column(CALLHOMEDESTPROFILEMSGFORMAT);
-    const std::string forty(40, 'x');
-    const std::string ff(1, '\xFF');
-    const TextIndexCase cases[] = {
-        {"GET without index", 1, {}, -1, "", " : return match -failed \n"},
-        {"GET of the empty name", 1, {0}, -1, "", " : id not set - return match failed \n"},
-        {"GET with a prefix longer than the characters",
-         1,
-         {3, 97, 98},
-         -1,
-         "",
-         " : else return match -failed \n"},
-        {"GET with a prefix shorter than the characters",
-         1,
-         {1, 97, 98},
-         -1,
-         "",
-         " : else return match -failed \n"},
-        {"GET of a name", 1, text("ab"), 0, "ab", " : len of id : 2 \n"},
-        {"GET takes the low 8 bits of each arc", 1, {1, 353}, 0, "a", nullptr},
-        {"GET cuts a long name to 31 characters", 1, text(forty), 0, forty.substr(0, 31),
-         " : len of id : 31 \n"},
-        {"GETNEXT on the bare column", 0, {}, 0, "", nullptr},
-        {"GETNEXT on a row", 0, text("ab"), 0, "ab", nullptr},
-        {"GETNEXT on a truncated name fills with 0xFF",
-         0,
-         {5, 97, 98},
-         0,
-         "ab" + ff + ff + ff,
-         nullptr},
-        {"GETNEXT on a bare length arc", 0, {3}, 0, ff + ff + ff, nullptr},
-        {"GETNEXT cuts a long name to 31 characters", 0, text(forty), 0, forty.substr(0, 31),
-         nullptr},
-        {"GETNEXT fills a long truncated name to 31",
-         0,
-         {40, 97},
-         0,
-         "a" + std::string(30, '\xFF'),
-         nullptr},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        platform::clear_trace_history();
-        Name name(column_arcs(vp) + c.index);
-        callHomeDestProfileEntry_t entry;
-        std::memset(&entry, 0x5A, sizeof entry);
-        EXPECT_EQ(get_callHomeDestProfileEntry_instance(const_cast<oid *>(vp.name), vp.namelen,
-                                                        name.arcs, &name.length, c.exact, &entry),
-                  c.rc);
-        EXPECT_EQ(std::string(entry.destination_profile_id), c.key);
-        // The rest of the key record is cleared.
-        EXPECT_EQ(entry.row_status, 0);
-        EXPECT_EQ(entry.request_flag, 0);
-        if (c.trace != nullptr) {
-            EXPECT_TRUE(traced(CALLHOME_TRACE_INFO,
-                               std::string("get_callHomeDestProfileEntry_instance") + c.trace));
-        }
+// The key a read sent: profile name, e-mail name/index, group profile/name, command type/index
+// or type index. The rest of the key record is clear.
+std::string sent_key(const Request &r) {
+    if (r.opcode == PO) {
+        const auto k = FakeChannel::as<callHomeDestProfileEntry_t>(r);
+        EXPECT_TRUE(k.row_status == 0 && k.request_flag == 0 && k.format_method == 0);
+        return k.destination_profile_id;
     }
-}
-
-TEST_F(TableReadTest, GetNextWithAnotherPrefixStartsAtTheFirstRow) {
-    const struct variable vp = column(CALLHOMEDESTPROFILEMSGFORMAT);
-    const Arcs other_column = column_arcs(column(CALLHOMEDESTPROFILEMAXMSGSIZE));
-    const Arcs before_table = {1, 3, 6, 1, 4, 1, 32473, 9, 300, 1, 1, 11};
-    for (const Arcs &arcs : {other_column + text("ab"), before_table}) {
-        Name name(arcs);
-        callHomeDestProfileEntry_t profile;
-        EXPECT_EQ(get_callHomeDestProfileEntry_instance(const_cast<oid *>(vp.name), vp.namelen,
-                                                        name.arcs, &name.length, 0, &profile),
-                  0);
-        EXPECT_STREQ(profile.destination_profile_id, "");
-
-        callHomeDestEmailAddressEntry_t email;
-        const struct variable evp = column(CALLHOMEDESTEMAILADDRESS);
-        EXPECT_EQ(get_callHomeDestEmailAddressEntry_instance(
-                      const_cast<oid *>(evp.name), evp.namelen, name.arcs, &name.length, 0, &email),
-                  0);
-        EXPECT_STREQ(email.destination_profile_id, "");
-        EXPECT_EQ(email.index, 0);
+    if (r.opcode == EO) {
+        const auto k = FakeChannel::as<callHomeDestEmailAddressEntry_t>(r);
+        EXPECT_TRUE(k.commit_flag == 0 && k.row_status == 0);
+        return std::string(k.destination_profile_id) + "/" + std::to_string(be(k.index));
     }
-}
-
-struct EmailIndexCase {
-    const char *what;
-    int exact;
-    Arcs index;
-    int rc;
-    std::string key;
-    int32_t row_index;
-    const char *trace;
-};
-
-TEST_F(TableReadTest, EmailInstanceDecodesNameAndIndex) {
-    const struct variable vp = column(CALLHOMEDESTEMAILADDRESS);
-    const std::string ff(1, '\xFF');
-    const EmailIndexCase cases[] = {
-        {"GET without index", 1, {}, -1, "", 0, " : return match -failed \n"},
-        {"GET of a name without index", 1, text("ab"), -1, "", 0, " : else return match-failed \n"},
-        {"GET of index 0", 1, text("ab") + Arcs{0}, -1, "ab", 0, " : return match -failed \n"},
-        {"GET of the empty name", 1, {0, 1}, -1, "", 1, " : return match -failed \n"},
-        {"GET of a row", 1, text("ab") + Arcs{1}, 0, "ab", 1, nullptr},
-        {"GETNEXT on the bare column", 0, {}, 0, "", 0, nullptr},
-        {"GETNEXT on a row", 0, text("ab") + Arcs{1}, 0, "ab", 1, nullptr},
-        // The last character given is dropped too: the walk goes on after "a".
-        {"GETNEXT on a name without index", 0, text("ab"), 0, "a", 0, nullptr},
-        {"GETNEXT on a truncated name", 0, {5, 97, 98}, 0, "a" + ff + ff + ff, 0, nullptr},
-        {"GETNEXT on a bare length arc", 0, {3}, 0, ff + ff, 0, nullptr},
-        {"GETNEXT on a zero length arc", 0, {0}, 0, "", 0, nullptr},
-        {"GETNEXT with more arcs than the name calls for", 0, text("ab") + Arcs{1, 9}, 0, "", 0,
-         nullptr},
-        {"GETNEXT cuts a long name to 31", 0, {40, 97}, 0, std::string(30, '\xFF'), 0, nullptr},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        platform::clear_trace_history();
-        Name name(column_arcs(vp) + c.index);
-        callHomeDestEmailAddressEntry_t entry;
-        std::memset(&entry, 0x5A, sizeof entry);
-        EXPECT_EQ(get_callHomeDestEmailAddressEntry_instance(const_cast<oid *>(vp.name), vp.namelen,
-                                                             name.arcs, &name.length, c.exact,
-                                                             &entry),
-                  c.rc);
-        EXPECT_EQ(std::string(entry.destination_profile_id), c.key);
-        EXPECT_EQ(entry.index, c.row_index);
-        EXPECT_EQ(entry.commit_flag, 0);
-        if (c.trace != nullptr) {
-            EXPECT_TRUE(
-                traced(CALLHOME_TRACE_INFO,
-                       std::string("get_callHomeDestEmailAddressEntry_instance") + c.trace));
-        }
+    if (r.opcode == GO) {
+        const auto k = FakeChannel::as<callHomeAlertGroupEntry_t>(r);
+        EXPECT_TRUE(k.word == 0 && k.request_flag == 0);
+        return std::string(k.destination_profile_id) + "/" + k.alert_group;
     }
-}
-
-TEST_F(TableReadTest, EmailGetOfALongNameRunsIntoTheRecordButNotPastIt) {
-    const struct variable vp = column(CALLHOMEDESTEMAILADDRESS);
-    // 40 characters: the key runs on into the address field.
-    {
-        Name name(column_arcs(vp) + text(std::string(40, 'y')) + Arcs{7});
-        callHomeDestEmailAddressEntry_t entry;
-        ASSERT_EQ(get_callHomeDestEmailAddressEntry_instance(const_cast<oid *>(vp.name), vp.namelen,
-                                                             name.arcs, &name.length, 1, &entry),
-                  0);
-        const auto *bytes = reinterpret_cast<const char *>(&entry);
-        EXPECT_EQ(std::string(bytes, 40), std::string(40, 'y'));
-        EXPECT_EQ(bytes[40], '\0');
-        EXPECT_EQ(entry.index, 7);
+    if (r.opcode == CO) {
+        const auto k = FakeChannel::as<Cmd>(r);
+        EXPECT_TRUE(k.request_flag == 0 && k.row_status == 0);
+        return std::string(k.alertgroup_type) + "/" + std::to_string(be(k.index));
     }
-    // 300 characters (more than any OID the agent passes): the copy stops inside the record.
-    {
-        Arcs arcs = column_arcs(vp) + text(std::string(300, 'z')) + Arcs{9};
-        size_t length = arcs.size();
-        std::vector<uint8_t> buffer(sizeof(callHomeDestEmailAddressEntry_t) + 64, 0xA5);
-        auto *entry = reinterpret_cast<callHomeDestEmailAddressEntry_t *>(buffer.data());
-        ASSERT_EQ(get_callHomeDestEmailAddressEntry_instance(const_cast<oid *>(vp.name), vp.namelen,
-                                                             arcs.data(), &length, 1, entry),
-                  0);
-        EXPECT_EQ(std::string(reinterpret_cast<const char *>(buffer.data()), 288),
-                  std::string(288, 'z'));
-        EXPECT_EQ(entry->index, 9);
-        EXPECT_EQ(buffer[sizeof *entry - 1], 0); // the terminator, inside the record
-        for (size_t i = sizeof *entry; i < buffer.size(); ++i) {
-            ASSERT_EQ(buffer[i], 0xA5) << "byte " << i << " past the record was written";
-        }
+    return std::to_string(be32(FakeChannel::as<callhome_alertgroup_type_t>(r).index));
+}
+
+TEST_F(TableReadTest, ReadsDecodeTheirIndexIntoTheKeySent) {
+    types.clear();
+    const std::string x40(40, 'x'), x31(31, 'x'), ff3 = ff + ff + ff, ff30(30, ff[0]);
+    // Names are cut to 31 and take the low 8 bits of each arc; a GETNEXT fills what is left
+    // out with 0xFF and, for e-mail keys, drops the last character given too. "-": no request.
+    // clang-format off
+    const std::tuple<u_char, int, Arcs, std::string> cases[] = {
+        {P, 1, {}, "-"}, {P, 1, {0}, "-"}, {P, 1, {3, 97, 98}, "-"}, {P, 1, {1, 97, 98}, "-"},
+        {P, 1, text("ab"), "ab"}, {P, 1, {1, 353}, "a"}, {P, 1, text(x40), x31},
+        {P, 0, {}, ""}, {P, 0, text("ab"), "ab"}, {P, 0, {5, 97, 98}, "ab" + ff3},
+        {P, 0, {3}, ff3}, {P, 0, text(x40), x31}, {P, 0, {40, 97}, "a" + ff30},
+        {E, 1, {}, "-"}, {E, 1, text("ab"), "-"}, {E, 1, text("ab") + Arcs{0}, "-"},
+        {E, 1, {0, 1}, "-"}, {E, 1, text("ab") + Arcs{1}, "ab/1"},
+        {E, 0, {}, "/0"}, {E, 0, text("ab") + Arcs{1}, "ab/1"}, {E, 0, text("ab"), "a/0"},
+        {E, 0, {5, 97, 98}, "a" + ff3 + "/0"}, {E, 0, {3}, ff + ff + "/0"}, {E, 0, {0}, "/0"},
+        {E, 0, text("ab") + Arcs{1, 9}, "/0"}, {E, 0, {40, 97}, ff30 + "/0"},
+        {T, 1, {}, "-"}, {T, 1, {0}, "0"}, {T, 1, {3, 4}, "-"},
+        {T, 0, {}, "0"}, {T, 0, {7}, "7"}, {T, 0, {7, 1}, "7"},
+        {G, 1, {0}, "-"}, {G, 1, {}, "-"}, {G, 1, {3, 97}, "-"},
+        {C, 1, {2, 6}, "-"}, {C, 1, {2}, "-"}, {C, 1, {}, "-"}, {C, 1, {2, 3, 1}, "-"}};
+    // clang-format on
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto &[magic, exact, index, want] = cases[i];
+        restart();
+        EXPECT_EQ(fetch(magic, index, exact).value, nullptr); // nothing is served
+        EXPECT_LE(channel->count(), 1u);
+        EXPECT_EQ(channel->count() == 0 ? "-" : sent_key(channel->last()), want) << "case " << i;
     }
-}
-
-TEST_F(TableReadTest, AlertGroupTypeInstanceTakesOneIndexArc) {
-    const struct variable vp = column(CALLHOMEALERTGROUPTYPENAME);
-    const Arcs other = column_arcs(column(CALLHOMEUSERDEFCLICMD));
-    struct Case {
-        const char *what;
-        int exact;
-        Arcs arcs;
-        int rc;
-        uint32_t index;
-    } cases[] = {
-        {"GET without index", 1, column_arcs(vp), -1, 0},
-        {"GET of index 0", 1, column_arcs(vp) + Arcs{0}, 0, 0},
-        {"GET with two arcs", 1, column_arcs(vp) + Arcs{3, 4}, -1, 0},
-        {"GETNEXT on the bare column", 0, column_arcs(vp), 0, 0},
-        {"GETNEXT on an index", 0, column_arcs(vp) + Arcs{7}, 0, 7},
-        {"GETNEXT with two arcs", 0, column_arcs(vp) + Arcs{7, 1}, 0, 7},
-        {"GETNEXT from another column", 0, other + Arcs{7}, 0, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        Name name(c.arcs);
-        callhome_alertgroup_type_t record;
-        std::memset(&record, 0x5A, sizeof record);
-        EXPECT_EQ(get_callHomeAlertGroupType_instance(const_cast<oid *>(vp.name), vp.namelen,
-                                                      name.arcs, &name.length, c.exact, &record),
-                  c.rc);
-        EXPECT_EQ(record.index, c.index);
-        EXPECT_STREQ(record.grp_name, "");
-    }
-    EXPECT_EQ(channel->count(), 0u);
-}
-
-// ---- message types ------------------------------------------------------------------------
-
-// The three tables that read rows by the common pattern.
-struct RowTable {
-    const char *name;
-    u_char magic;
-    Arcs index;
-    int opcode;
-    size_t record_size;
-    int (*header)(const struct variable &, Name &, int exact, int get_for_set);
-};
-
-int profile_header(const struct variable &vp, Name &name, int exact, int get_for_set) {
-    return header_callHomeDestProfileEntry(const_cast<oid *>(vp.name), vp.namelen, name.arcs,
-                                           &name.length, exact, &callHomeDestProfileEntry,
-                                           get_for_set);
-}
-int email_header(const struct variable &vp, Name &name, int exact, int get_for_set) {
-    return header_callHomeDestEmailAddressEntry(const_cast<oid *>(vp.name), vp.namelen, name.arcs,
-                                                &name.length, exact, &callHomeDestEmailAddressEntry,
-                                                get_for_set);
-}
-int command_header(const struct variable &vp, Name &name, int exact, int get_for_set) {
-    return header_callHomeUserDefCliCmdEntry(const_cast<oid *>(vp.name), vp.namelen, name.arcs,
-                                             &name.length, exact, &callHomeUserDefCliCmdEntry,
-                                             get_for_set);
-}
-
-const RowTable kRowTables[] = {
-    {"profiles", CALLHOMEDESTPROFILEMSGFORMAT, text("p1"), CALLHOME_DEST_PROFILE_OPC, 51,
-     profile_header},
-    {"e-mail addresses", CALLHOMEDESTEMAILADDRESS, text("p1") + Arcs{1}, CALLHOME_DEST_EMAIL_OPC,
-     297, email_header},
-    {"user commands",
-     CALLHOMEUSERDEFCLICMD,
-     {1, 2},
-     CALLHOME_USER_DEF_CMD_OPC,
-     865,
-     command_header},
-};
-
-TEST_F(TableReadTest, RowReadsChooseTheirMessageTypeFromTheDistributionState) {
-    struct Case {
-        bool enabled;
-        int mode;
-        int exact;
-        int get_for_set;
-        int type;
-    } cases[] = {
-        {false, 0, 1, 0, GET_REQ},         {false, 0, 0, 0, GETNEXT_REQ},
-        {false, 0, 1, 1, GET_REQ},         {true, 0, 1, 0, VELD_GET_REQ},
-        {true, 0, 0, 0, VELD_GETNEXT_REQ}, {true, 3, 1, 0, GET_REQ},
-        {true, 3, 0, 0, GETNEXT_REQ},      {true, 3, 1, 1, VELD_GET_REQ},
-        {true, 0, 1, 1, VELD_GET_REQ},
-    };
-    backend.types = {{1, "Syslog"}};
-    use_backend();
-    for (const auto &table : kRowTables) {
-        for (const auto &c : cases) {
-            SCOPED_TRACE(std::string(table.name) + " enabled " + std::to_string(c.enabled) +
-                         " mode " + std::to_string(c.mode) + " exact " + std::to_string(c.exact) +
-                         " get_for_set " + std::to_string(c.get_for_set));
-            platform::set_distribution(c.enabled, c.mode);
-            channel->clear();
-            const struct variable vp = column(table.magic);
-            Name name(column_arcs(vp) + table.index);
-            table.header(vp, name, c.exact, c.get_for_set);
-            const auto sent = requests(table.opcode);
-            ASSERT_EQ(sent.size(), 1u);
-            EXPECT_EQ(sent[0].msg_type, c.type);
-            expect_table_read_call(sent[0], table.record_size);
-        }
-    }
-}
-
-TEST_F(TableReadTest, ADistributionReadForASetIsRepeatedOnceAsAPlainGet) {
-    backend.types = {{1, "Syslog"}};
-    use_backend();
-    platform::set_distribution(true, 0);
-    for (const auto &table : kRowTables) {
-        SCOPED_TRACE(table.name);
-        const struct variable vp = column(table.magic);
-        for (int get_for_set : {1, 0}) {
-            channel->clear();
-            Reply row = table.opcode == CALLHOME_DEST_PROFILE_OPC ? record_reply(profile_rec("p1"))
-                        : table.opcode == CALLHOME_DEST_EMAIL_OPC
-                            ? record_reply(email_rec("p1", "a@example.com", 1))
-                            : record_reply(cmd_rec(2, "Syslog", "show clock"));
-            auto &queue = table.opcode == CALLHOME_DEST_PROFILE_OPC ? backend.profiles
-                          : table.opcode == CALLHOME_DEST_EMAIL_OPC ? backend.emails
-                                                                    : backend.commands;
-            queue = {status_reply(CALLHOME_ERR_VELD_RESEND), row};
-            Name name(column_arcs(vp) + table.index);
-            const int rc = table.header(vp, name, 1, get_for_set);
-            const auto sent = requests(table.opcode);
-            if (get_for_set) {
-                EXPECT_EQ(rc, 0);
-                ASSERT_EQ(sent.size(), 2u);
-                EXPECT_EQ(sent[0].msg_type, VELD_GET_REQ);
-                EXPECT_EQ(sent[1].msg_type, GET_REQ);
-                EXPECT_EQ(sent[0].record, sent[1].record);
-            } else {
-                // Only a read for a SET is repeated.
-                EXPECT_EQ(rc, CALLHOME_ERR_VELD_RESEND);
-                ASSERT_EQ(sent.size(), 1u);
-            }
-        }
-    }
-}
-
-// ---- destination profiles ------------------------------------------------------------------
-
-TEST_F(TableReadTest, ProfileColumnsReadTheServicesRow) {
-    struct Case {
-        u_char magic;
-        int32_t value;
-        WriteMethod *write;
-    } cases[] = {
-        {CALLHOMEDESTPROFILEMSGFORMAT, 2, set_callHomeDestProfileMsgFormat},
-        {CALLHOMEDESTPROFILEMAXMSGSIZE, 500000, set_callHomeDestProfileMaxMsgSize},
-        {CALLHOMEDESTPROFILETRNSPRTMTHD, 1, set_callHomeDestProfileTrnsprtMthd},
-        {CALLHOMEDESTPROFILESTATUS, 1, set_callHomeDestProfileStatus},
-        {CALLHOMEDESTPROFILEMSGLEVEL, 1, set_callHomeDestProfileMsgLevel}, // stored 0
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(int(c.magic));
-        channel->clear();
-        channel->answer(profile_rec("p1", 2, 500000, 1, 0));
-        const struct variable vp = column(c.magic);
-        Name name(column_arcs(vp) + text("p1"));
-        const Read r = read(vp, name, 1);
-        ASSERT_NE(r.value, nullptr);
-        EXPECT_EQ(int_value(r), c.value);
-        EXPECT_EQ(r.write, c.write);
-        EXPECT_EQ(name.get(), column_arcs(vp) + text("p1"));
-
-        ASSERT_EQ(channel->count(), 1u);
-        const auto &sent = channel->last();
-        EXPECT_EQ(sent.opcode, CALLHOME_DEST_PROFILE_OPC);
-        EXPECT_EQ(sent.msg_type, GET_REQ);
-        expect_table_read_call(sent, 51);
-        const auto key = FakeChannel::as<callHomeDestProfileEntry_t>(sent);
-        EXPECT_STREQ(key.destination_profile_id, "p1");
-        EXPECT_EQ(key.request_flag, 0);
-        EXPECT_EQ(key.format_method, 0);
-    }
-    // The message level is shown one higher than stored.
-    channel->answer(profile_rec("p1", 1, 0, 1, 4));
-    const struct variable level = column(CALLHOMEDESTPROFILEMSGLEVEL);
-    Name name(column_arcs(level) + text("p1"));
-    EXPECT_EQ(int_value(read(level, name, 1)), 5);
-}
-
-TEST_F(TableReadTest, ProfileGetNextWritesTheFoundRowBack) {
-    const struct variable vp = column(CALLHOMEDESTPROFILESTATUS);
-    channel->answer(profile_rec("full_txt"));
-    Name name(column_arcs(vp));
-    const Read r = read(vp, name, 0);
-    ASSERT_NE(r.value, nullptr);
-    EXPECT_EQ(name.get(), column_arcs(vp) + text("full_txt"));
-    EXPECT_EQ(channel->last().msg_type, GETNEXT_REQ);
-    EXPECT_STREQ(
-        FakeChannel::as<callHomeDestProfileEntry_t>(channel->last()).destination_profile_id, "");
-    // The RowStatus value lives in the module's record, where a write handler may change it.
-    EXPECT_EQ(r.value, reinterpret_cast<u_char *>(&callHomeDestProfileEntry.row_status));
-}
-
-TEST_F(TableReadTest, ProfileReadFailuresReturnNothing) {
-    const struct variable vp = column(CALLHOMEDESTPROFILEMSGFORMAT);
-    struct Case {
-        const char *what;
-        int exact;
-        Arcs index;
-        std::optional<Reply> reply;
-    } cases[] = {
-        {"end of table", 0, text("xml"), status_reply(CALLHOME_END_OF_TABLE)},
-        {"unknown row", 1, text("nope"), status_reply(CALLHOME_UNKNOWN_ENTRY)},
-        {"no answer", 1, text("p1"), Reply{-1, false, {}, ETIME}},
-        {"bad index", 1, {3, 97}, std::nullopt},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        channel->clear();
-        platform::clear_trace_history();
-        if (c.reply) {
-            channel->serve_with([&](const platform::CmiRequest &) { return *c.reply; });
-        }
-        Name name(column_arcs(vp) + c.index);
-        const Arcs before = name.get();
-        const Read r = read(vp, name, c.exact);
-        EXPECT_EQ(r.value, nullptr);
-        EXPECT_EQ(name.get(), before);
-        // The write handler is handed back even when the row is not there (row creation).
-        EXPECT_EQ(r.write, set_callHomeDestProfileMsgFormat);
-        EXPECT_EQ(channel->count(), c.reply ? 1u : 0u);
-        if (c.reply) {
-            bool failure_traced = false;
-            for (const auto &[level, t] : platform::trace_history()) {
-                failure_traced |= level == CALLHOME_TRACE_ERROR &&
-                                  t.find("header_callHomeDestProfileEntry : Req  ") == 0;
-            }
-            EXPECT_TRUE(failure_traced);
-        }
-    }
-}
-
-TEST_F(TableReadTest, ProfileAnswersAreTakenWithinTheirLength) {
-    const struct variable vp = column(CALLHOMEDESTPROFILEMAXMSGSIZE);
-    // A short answer: only the name arrives; the rest reads as zero.
-    const auto full = profile_rec("p1", 2, 4000);
-    channel->answer_bytes(&full, 20);
-    Name name(column_arcs(vp) + text("p1"));
-    const Read r = read(vp, name, 1);
-    ASSERT_NE(r.value, nullptr);
-    EXPECT_EQ(int_value(r), 0);
-    // An unterminated name is cut to the field.
-    callHomeDestProfileEntry_t wide = profile_rec("");
-    std::memset(wide.destination_profile_id, 'q', sizeof wide.destination_profile_id);
-    channel->answer(wide);
-    Name next(column_arcs(vp));
-    ASSERT_NE(read(vp, next, 0).value, nullptr);
-    EXPECT_EQ(next.get(), column_arcs(vp) + text(std::string(31, 'q')));
-}
-
-TEST_F(TableReadTest, AProfileReadAnsweredWithoutARecordKeepsTheRequestOid) {
-    // The service's success without a record: the read answers from the key, as it stands.
-    const struct variable vp = column(CALLHOMEDESTPROFILEMSGFORMAT);
-    channel->answer_status(0);
-    Name name(column_arcs(vp));
-    const Read r = read(vp, name, 0);
-    EXPECT_NE(r.value, nullptr);
-    EXPECT_EQ(name.get(), column_arcs(vp));
-}
-
-TEST_F(TableReadTest, UnknownColumnsOfATableGiveNothing) {
-    channel->answer(profile_rec("p1"));
-    struct variable vp = column(CALLHOMEDESTPROFILEMSGFORMAT);
-    vp.magic = 99;
-    Name name(column_arcs(vp) + text("p1"));
-    EXPECT_EQ(read(vp, name, 1).value, nullptr);
-
-    channel->answer(email_rec("p1", "a@example.com", 1));
-    struct variable evp = column(CALLHOMEDESTEMAILADDRESS);
-    evp.magic = 99;
-    Name ename(column_arcs(evp) + text("p1") + Arcs{1});
-    EXPECT_EQ(read(evp, ename, 1).value, nullptr);
-}
-
-// ---- destination e-mail addresses -----------------------------------------------------------
-
-TEST_F(TableReadTest, EmailReadSendsTheKeyBigEndianAndReturnsTheAddress) {
-    const struct variable vp = column(CALLHOMEDESTEMAILADDRESS);
-    channel->answer(email_rec("ab", "noc@example.com", 1));
-    Name name(column_arcs(vp) + text("ab") + Arcs{1});
-    const Read r = read(vp, name, 1);
-    ASSERT_NE(r.value, nullptr);
-    EXPECT_EQ(str_value(r), "noc@example.com");
-    EXPECT_EQ(r.write, set_callHomeDestEmailAddress);
-    EXPECT_EQ(name.get(), column_arcs(vp) + text("ab") + Arcs{1});
-
-    const auto &sent = channel->last();
-    EXPECT_EQ(sent.opcode, CALLHOME_DEST_EMAIL_OPC);
-    EXPECT_EQ(sent.msg_type, GET_REQ);
-    expect_table_read_call(sent, 297);
-    const auto key = FakeChannel::as<callHomeDestEmailAddressEntry_t>(sent);
-    EXPECT_STREQ(key.destination_profile_id, "ab");
-    EXPECT_EQ(uint32_t(key.index), be32(1));
-    EXPECT_EQ(key.commit_flag, 0);
-
-    // The status column, and a GETNEXT that moves to another profile's row.
-    const struct variable status = column(CALLHOMEDESTEMAILADDRESSSTATUS);
-    channel->answer(email_rec("cd", "ops@example.com", 3));
-    Name next(column_arcs(status) + text("ab") + Arcs{1});
-    const Read s = read(status, next, 0);
-    ASSERT_NE(s.value, nullptr);
-    EXPECT_EQ(int_value(s), 1);
-    EXPECT_EQ(s.write, set_callHomeDestEmailAddressStatus);
-    EXPECT_EQ(next.get(), column_arcs(status) + text("cd") + Arcs{3});
-    EXPECT_EQ(channel->last().msg_type, GETNEXT_REQ);
-}
-
-TEST_F(TableReadTest, EmailGetOfAFortyCharacterNameSendsAllOfIt) {
-    const struct variable vp = column(CALLHOMEDESTEMAILADDRESS);
-    Name name(column_arcs(vp) + text(std::string(40, 'n')) + Arcs{2});
-    EXPECT_EQ(read(vp, name, 1).value, nullptr); // the default answer: unknown entry
-    ASSERT_EQ(channel->count(), 1u);
-    const auto &bytes = channel->last().record;
-    ASSERT_EQ(bytes.size(), 297u);
-    EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 40), std::string(40, 'n'));
-    EXPECT_EQ(bytes[40], 0);
-}
-
-TEST_F(TableReadTest, EmailGetOfIndexZeroSendsNothing) {
-    const struct variable vp = column(CALLHOMEDESTEMAILADDRESS);
-    Name name(column_arcs(vp) + text("ab") + Arcs{0});
-    EXPECT_EQ(read(vp, name, 1).value, nullptr);
-    EXPECT_EQ(channel->count(), 0u);
-}
-
-// ---- a profile's alert groups ----------------------------------------------------------------
-
-class TableReadGroupsTest : public TableReadTest {
-  protected:
-    void SetUp() override {
-        TableReadTest::SetUp();
-        backend.types = {{1, "Syslog"}, {2, "Environmental"}, {3, "Inventory"}};
-        use_backend();
-    }
-
-    Read read_groups(const Arcs &index, int exact) {
-        const struct variable vp = column(CALLHOMEALERTGROUPS);
-        name.emplace(column_arcs(vp) + index);
-        return read(vp, *name, exact);
-    }
-
-    Arcs groups_column() const { return column_arcs(column(CALLHOMEALERTGROUPS)); }
-
-    static std::vector<uint8_t> octets(const Read &r) {
-        EXPECT_EQ(r.var_len, 8u);
-        return std::vector<uint8_t>(r.value, r.value + r.var_len);
-    }
-
-    std::optional<Name> name;
-};
-
-TEST_F(TableReadGroupsTest, GathersAProfilesGroupsUntilAnotherProfilesRow) {
-    backend.profiles = {record_reply(profile_rec("p1"))};
-    backend.groups = {record_reply(group_rec("p1", "Syslog")),
-                      record_reply(group_rec("p1", "Inventory")),
-                      record_reply(group_rec("p2", "Environmental"))};
-    const Read r = read_groups(text("p1"), 1);
-    ASSERT_NE(r.value, nullptr);
-    // Bits 1 and 3, numbered from the most significant bit of the first octet.
-    EXPECT_EQ(octets(r), (std::vector<uint8_t>{0x50, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(r.write, set_callhome_alertgroups);
-    EXPECT_EQ(name->get(), groups_column() + text("p1"));
-
-    const auto profile = requests(CALLHOME_DEST_PROFILE_OPC);
-    ASSERT_EQ(profile.size(), 1u);
-    EXPECT_EQ(profile[0].msg_type, GET_REQ);
-    expect_table_read_call(profile[0], 51);
-    EXPECT_STREQ(FakeChannel::as<callHomeDestProfileEntry_t>(profile[0]).destination_profile_id,
-                 "p1");
-
-    // Each GETNEXT continues after the group just received.
-    const auto sent = requests(CALLHOME_PROFILE_ALERTGROUP_OPC);
-    ASSERT_EQ(sent.size(), 3u);
-    const char *after[] = {"", "Syslog", "Inventory"};
-    for (size_t i = 0; i < sent.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(sent[i].msg_type, GETNEXT_REQ);
-        expect_table_read_call(sent[i], 301);
-        const auto rec = FakeChannel::as<callHomeAlertGroupEntry_t>(sent[i]);
-        EXPECT_STREQ(rec.destination_profile_id, "p1");
-        EXPECT_STREQ(rec.alert_group, after[i]);
-        EXPECT_EQ(rec.word, 0u);
-        EXPECT_EQ(rec.request_flag, 0);
-    }
-    // The registry was refreshed for the bit numbers.
-    EXPECT_EQ(alertgroup_type_count, 3u);
-}
-
-TEST_F(TableReadGroupsTest, EndsAtTheEndOfTheTableOrOnFailure) {
-    struct Case {
-        const char *what;
-        std::deque<Reply> groups;
-        bool found;
-        uint8_t first_octet;
-    } cases[] = {
-        {"all", {record_reply(group_rec("p1", "all"))}, true, 0x70},
-        {"one group, then the end", {record_reply(group_rec("p1", "Environmental"))}, true, 0x20},
-        {"no group at all", {}, true, 0},
-        {"the next profile's groups only", {record_reply(group_rec("p2", "Syslog"))}, true, 0},
-        {"a failure",
-         {record_reply(group_rec("p1", "Syslog")), status_reply(CALLHOME_UNKNOWN_ENTRY)},
-         false,
-         0},
-        {"a success without record", {status_reply(0)}, false, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        channel->clear();
-        backend.profiles = {record_reply(profile_rec("p1"))};
-        backend.groups = c.groups;
-        const Read r = read_groups(text("p1"), 1);
-        if (!c.found) {
-            EXPECT_EQ(r.value, nullptr);
-            continue;
-        }
-        ASSERT_NE(r.value, nullptr);
-        EXPECT_EQ(octets(r)[0], c.first_octet);
-        EXPECT_EQ(name->get(), groups_column() + text("p1"));
-    }
-}
-
-TEST_F(TableReadGroupsTest, GetNextMovesToTheNextProfile) {
-    backend.profiles = {record_reply(profile_rec("xml"))};
-    backend.groups = {record_reply(group_rec("xml", "Inventory"))};
-    const Read r = read_groups(text("p1"), 0);
-    ASSERT_NE(r.value, nullptr);
-    EXPECT_EQ(octets(r)[0], 0x10);
-    EXPECT_EQ(name->get(), groups_column() + text("xml"));
-    const auto profile = requests(CALLHOME_DEST_PROFILE_OPC);
-    ASSERT_EQ(profile.size(), 1u);
-    EXPECT_EQ(profile[0].msg_type, GETNEXT_REQ);
-    EXPECT_STREQ(FakeChannel::as<callHomeDestProfileEntry_t>(profile[0]).destination_profile_id,
-                 "p1");
-}
-
-TEST_F(TableReadGroupsTest, GetOfNoProfileAsksNothing) {
-    for (const Arcs &index : {Arcs{0}, Arcs{}, Arcs{3, 97}}) {
-        channel->clear();
-        EXPECT_EQ(read_groups(index, 1).value, nullptr);
-        EXPECT_EQ(channel->count(), 0u);
-    }
+    EXPECT_TRUE(traced(CALLHOME_TRACE_INFO,
+                       "get_callHomeDestProfileEntry_instance : else return match -failed \n"));
     EXPECT_TRUE(traced(CALLHOME_TRACE_ERROR,
                        "get_callhome_alertgroups_instance : destination_profile_id  not set \n"));
-
-    // An unknown profile: the profile read fails and no group is asked for.
-    backend.profiles = {status_reply(CALLHOME_UNKNOWN_ENTRY)};
-    EXPECT_EQ(read_groups(text("zz"), 1).value, nullptr);
-    EXPECT_TRUE(requests(CALLHOME_PROFILE_ALERTGROUP_OPC).empty());
-}
-
-TEST_F(TableReadGroupsTest, DistributionVariantsAndTheirResends) {
-    platform::set_distribution(true, 0);
-    backend.profiles = {record_reply(profile_rec("p1"))};
-    backend.groups = {record_reply(group_rec("p1", "Syslog"))};
-    ASSERT_NE(read_groups(text("p1"), 1).value, nullptr);
-    EXPECT_EQ(requests(CALLHOME_DEST_PROFILE_OPC).at(0).msg_type, VELD_GET_REQ);
-    for (const auto &r : requests(CALLHOME_PROFILE_ALERTGROUP_OPC)) {
-        EXPECT_EQ(r.msg_type, VELD_GETNEXT_REQ);
-    }
-
-    // A read for a SET: both requests are repeated without distribution when asked to.
-    for (int exact : {1, 0}) {
-        SCOPED_TRACE(exact);
-        channel->clear();
-        backend.profiles = {status_reply(CALLHOME_ERR_VELD_RESEND),
-                            record_reply(profile_rec("p1"))};
-        backend.groups = {status_reply(CALLHOME_ERR_VELD_RESEND),
-                          record_reply(group_rec("p1", "Syslog"))};
-        const struct variable vp = column(CALLHOMEALERTGROUPS);
-        Name n(column_arcs(vp) + text("p1"));
-        mibAlertGroup_t summary{};
-        ASSERT_EQ(header_callhome_alertgroups(const_cast<oid *>(vp.name), vp.namelen, n.arcs,
-                                              &n.length, exact, &summary, 1),
-                  0);
-        const auto profile = requests(CALLHOME_DEST_PROFILE_OPC);
-        ASSERT_EQ(profile.size(), 2u);
-        EXPECT_EQ(profile[0].msg_type, exact ? VELD_GET_REQ : VELD_GETNEXT_REQ);
-        EXPECT_EQ(profile[1].msg_type, exact ? GET_REQ : GETNEXT_REQ);
-        const auto groups = requests(CALLHOME_PROFILE_ALERTGROUP_OPC);
-        ASSERT_EQ(groups.size(), 3u); // re-sent, then continued plainly to the end
-        EXPECT_EQ(groups[0].msg_type, VELD_GETNEXT_REQ);
-        EXPECT_EQ(groups[1].msg_type, GETNEXT_REQ);
-        EXPECT_EQ(groups[2].msg_type, GETNEXT_REQ);
-        EXPECT_STREQ(summary.destination_profile_id, "p1");
-        EXPECT_EQ(summary.bitset_size, 32u);
-        EXPECT_EQ(summary.bitset[0], 0x40);
+    // A GETNEXT from outside the column starts at the first row.
+    const Arcs before_table = {1, 3, 6, 1, 4, 1, 32473, 9, 300, 1, 1, 11};
+    for (const auto &[magic, first] : std::map<u_char, std::string>{{P, ""}, {E, "/0"}, {T, "0"}}) {
+        for (const Arcs &a : {arcs_of(C) + text("ab"), before_table}) {
+            fetch_at(magic, a, 0);
+            EXPECT_EQ(sent_key(channel->last()), first);
+        }
     }
 }
 
-// ---- alert-group types ------------------------------------------------------------------------
-
-TEST_F(TableReadTest, AlertGroupTypeReadsNameByIndex) {
-    const struct variable vp = column(CALLHOMEALERTGROUPTYPENAME);
-    channel->answer(type_rec(4, "Syslog"));
-    Name name(column_arcs(vp) + Arcs{0});
-    const Read r = read(vp, name, 1);
-    ASSERT_NE(r.value, nullptr);
-    EXPECT_EQ(str_value(r), "Syslog");
-    EXPECT_EQ(r.write, nullptr); // read-only
-    EXPECT_EQ(name.get(), column_arcs(vp) + Arcs{4});
-    const auto &sent = channel->last();
-    EXPECT_EQ(sent.opcode, CALLHOME_ALERTGROUP_TYPE_OPC);
-    EXPECT_EQ(sent.msg_type, GET_REQ);
-    expect_table_read_call(sent, 260);
-    EXPECT_EQ(FakeChannel::as<callhome_alertgroup_type_t>(sent).index, be32(0));
-
-    // GETNEXT, also with distribution on: there are no distribution variants here.
-    platform::set_distribution(true, 0);
-    channel->answer(type_rec(5, "System"));
-    Name next(column_arcs(vp) + Arcs{4});
-    ASSERT_NE(read(vp, next, 0).value, nullptr);
-    EXPECT_EQ(channel->last().msg_type, GETNEXT_REQ);
-    EXPECT_EQ(FakeChannel::as<callhome_alertgroup_type_t>(channel->last()).index, be32(4));
-    EXPECT_EQ(next.get(), column_arcs(vp) + Arcs{5});
-
-    channel->clear();
-    Name end(column_arcs(vp) + Arcs{5});
-    EXPECT_EQ(read(vp, end, 0).value, nullptr); // default answer: unknown entry
-    Name two(column_arcs(vp) + Arcs{3, 4});
-    EXPECT_EQ(read(vp, two, 1).value, nullptr);
-    EXPECT_EQ(channel->count(), 1u);
+TEST_F(TableReadTest, RowReadsChooseTheirMessageTypeAndRepeatOnlyADistributionGetForASet) {
+    // Each read is first answered with a request to repeat it without distribution.
+    // clang-format off
+    const std::tuple<u_char, Arcs, int, size_t, Reply> tables[] = {
+        {P, text("p1"), PO, 51, record_reply(profile_rec("p1"))},
+        {E, text("p1") + Arcs{1}, EO, 297, record_reply(email_rec("p1", 1, "a@b"))},
+        {C, {1, 2}, CO, 865, record_reply(cmd_rec(2, "Syslog", "show"))}};
+    const struct { bool enabled; int mode, exact, get_for_set, type; } cases[] = {
+        {false, 0, 1, 0, GET_REQ}, {false, 0, 0, 0, GETNEXT_REQ}, {false, 0, 1, 1, GET_REQ},
+        {true, 0, 1, 0, VELD_GET_REQ}, {true, 0, 0, 0, VELD_GETNEXT_REQ}, {true, 3, 1, 0, GET_REQ},
+        {true, 3, 0, 0, GETNEXT_REQ}, {true, 3, 1, 1, VELD_GET_REQ}, {true, 0, 1, 1, VELD_GET_REQ}};
+    // clang-format on
+    for (const auto &[magic, index, opcode, size, row] : tables) {
+        for (const auto &c : cases) {
+            SCOPED_TRACE(::testing::Message() << int(magic) << " case " << &c - cases);
+            platform::set_distribution(c.enabled, c.mode);
+            restart();
+            queues[opcode] = {status_reply(CALLHOME_ERR_VELD_RESEND), row};
+            const int rc = header(magic, index, c.exact, c.get_for_set);
+            const auto s = sent(opcode);
+            const bool repeated = c.type == VELD_GET_REQ && c.get_for_set;
+            ASSERT_EQ(s.size(), repeated ? 2u : 1u);
+            expect_call(s[0], c.type, size);
+            EXPECT_EQ(rc, repeated ? 0 : CALLHOME_ERR_VELD_RESEND);
+            if (repeated) {
+                expect_call(s[1], GET_REQ, size);
+                EXPECT_EQ(s[0].record, s[1].record);
+            }
+        }
+    }
 }
 
-// ---- user-defined commands --------------------------------------------------------------------
-
-class TableReadCommandsTest : public TableReadTest {
-  protected:
-    void SetUp() override {
-        TableReadTest::SetUp();
-        backend.types = {{1, "Syslog"}, {2, "Inventory"}, {4, "Test"}};
-        use_backend();
-    }
-};
-
-TEST_F(TableReadCommandsTest, WalkResolvesTypesAndWritesTheRowBack) {
-    struct Case {
-        const char *what;
-        Arcs from;
-        int type_lookup;      // message type of the first type request
-        uint32_t type_asked;  // its index
-        std::string cmd_type; // type name of the command request
-        int32_t cmd_index;    // its index
-        cmi_userdef_cli_cmd_t answer;
-        Arcs row; // OID written back, below the column
+TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
+    const auto R = [](const auto &record) { return record_reply(record); };
+    const Reply end = status_reply(CALLHOME_END_OF_TABLE), none = status_reply(0),
+                unknown = status_reply(CALLHOME_UNKNOWN_ENTRY), p1 = R(profile_rec("p1"));
+    Reply shortened = R(profile_rec("p1", 2, 4000)); // only the name arrives
+    shortened.record.resize(20);
+    callHomeDestProfileEntry_t wide = profile_rec(""); // an unterminated name is cut to the field
+    std::memset(wide.destination_profile_id, 'q', sizeof wide.destination_profile_id);
+    const std::string q31(31, 'q'), n40(40, 'n');
+    const auto eight = [](char first) { return std::string(1, first) + std::string(7, '\0'); };
+    // Column, index, exact, the service's answers, the value read ("none": no value), the OID
+    // after the read (below the column), and the first request of one opcode with its key.
+    struct Scenario {
+        u_char magic;
+        Arcs index;
+        int exact;
+        std::map<int, std::deque<Reply>> answers;
         std::string value;
-    } cases[] = {
-        {"bare column",
-         {},
-         GETNEXT_REQ,
-         0,
-         "Syslog",
-         0,
-         cmd_rec(1, "Syslog", "show version"),
-         {1, 1},
-         "show version"},
-        {"one index arc",
-         {2},
-         GET_REQ,
-         2,
-         "Inventory",
-         0,
-         cmd_rec(3, "Inventory", "show inv"),
-         {2, 3},
-         "show inv"},
-        {"within a type",
-         {1, 2},
-         GET_REQ,
-         1,
-         "Syslog",
-         2,
-         cmd_rec(4, "Syslog", "show log"),
-         {1, 4},
-         "show log"},
-        {"from the last index",
-         {1, 5},
-         GETNEXT_REQ,
-         1,
-         "Inventory",
-         0,
-         cmd_rec(1, "Inventory", "show hw"),
-         {2, 1},
-         "show hw"},
-        {"into the next type",
-         {1, 2},
-         GET_REQ,
-         1,
-         "Syslog",
-         2,
-         cmd_rec(2, "Test", "show env"),
-         {4, 2},
-         "show env"},
-        {"into a type the registry lacks",
-         {1, 2},
-         GET_REQ,
-         1,
-         "Syslog",
-         2,
-         cmd_rec(1, "Gone", "show x"),
-         {1, 1},
-         "show x"},
+        Arcs row;
+        int opcode, msg_type;
+        std::string key; // "-": no request of that opcode
     };
-    const struct variable vp = column(CALLHOMEUSERDEFCLICMD);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        channel->clear();
-        backend.commands = {record_reply(c.answer)};
-        Name name(column_arcs(vp) + c.from);
-        const Read r = read(vp, name, 0);
-        ASSERT_NE(r.value, nullptr);
-        EXPECT_EQ(str_value(r), c.value);
-        EXPECT_EQ(r.write, set_callHomeUserDefCliCmd);
-        EXPECT_EQ(name.get(), column_arcs(vp) + c.row);
-
-        const auto types = requests(CALLHOME_ALERTGROUP_TYPE_OPC);
-        ASSERT_FALSE(types.empty());
-        EXPECT_EQ(types[0].msg_type, c.type_lookup);
-        expect_table_read_call(types[0], 260);
-        EXPECT_EQ(FakeChannel::as<callhome_alertgroup_type_t>(types[0]).index, be32(c.type_asked));
-
-        const auto cmds = requests(CALLHOME_USER_DEF_CMD_OPC);
-        ASSERT_EQ(cmds.size(), 1u);
-        EXPECT_EQ(cmds[0].msg_type, GETNEXT_REQ);
-        expect_table_read_call(cmds[0], 865);
-        const auto sent = FakeChannel::as<cmi_userdef_cli_cmd_t>(cmds[0]);
-        EXPECT_STREQ(sent.alertgroup_type, c.cmd_type.c_str());
-        EXPECT_EQ(uint32_t(sent.index), be32(uint32_t(c.cmd_index)));
-        EXPECT_EQ(sent.request_flag, 0);
+    // clang-format off
+    const Scenario cases[] = {
+        // Profiles: columns of the row (the level shows one higher than stored), a GETNEXT,
+        // answers shorter than the record, a success without record (answered from the key,
+        // the OID as it stands), and failures: end of table, unknown row, no answer.
+        {P, text("p1"), 1, {{PO, {R(profile_rec("p1", 2, 4000, 4))}}}, "2", text("p1"), PO, GET_REQ, "p1"},
+        {CALLHOMEDESTPROFILEMAXMSGSIZE, text("p1"), 1, {{PO, {R(profile_rec("p1", 2, 4000))}}}, "4000", text("p1"), PO, GET_REQ, "p1"},
+        {CALLHOMEDESTPROFILEMSGLEVEL, text("p1"), 1, {{PO, {R(profile_rec("p1", 2, 4000, 4))}}}, "5", text("p1"), PO, GET_REQ, "p1"},
+        {P, {}, 0, {{PO, {R(profile_rec("full_txt", 3))}}}, "3", text("full_txt"), PO, GETNEXT_REQ, ""},
+        {CALLHOMEDESTPROFILEMAXMSGSIZE, text("p1"), 1, {{PO, {shortened}}}, "0", text("p1"), PO, GET_REQ, "p1"},
+        {P, {}, 0, {{PO, {R(wide)}}}, "1", text(q31), PO, GETNEXT_REQ, ""},
+        {P, {}, 0, {{PO, {none}}}, "0", {}, PO, GETNEXT_REQ, ""},
+        {P, text("xml"), 0, {{PO, {end}}}, "none", text("xml"), PO, GETNEXT_REQ, "xml"},
+        {P, text("nope"), 1, {{PO, {unknown}}}, "none", text("nope"), PO, GET_REQ, "nope"},
+        {P, text("p1"), 1, {{PO, {status_reply(-1, ETIME)}}}, "none", text("p1"), PO, GET_REQ, "p1"},
+        // E-mail addresses: a GET sends all of a 40-character name, running on into the address
+        // field; a GETNEXT of the status column moves into another profile's row.
+        {E, text("ab") + Arcs{1}, 1, {{EO, {R(email_rec("ab", 1, "noc@x"))}}}, "noc@x", text("ab") + Arcs{1}, EO, GET_REQ, "ab/1"},
+        {E, text(n40) + Arcs{2}, 1, {}, "none", text(n40) + Arcs{2}, EO, GET_REQ, n40 + "/2"},
+        {CALLHOMEDESTEMAILADDRESSSTATUS, text("ab") + Arcs{1}, 0, {{EO, {R(email_rec("cd", 3, "x"))}}}, "1", text("cd") + Arcs{3}, EO, GETNEXT_REQ, "ab/1"},
+        // Alert-group types: GET by index, GETNEXT, the end of the table.
+        {T, {2}, 1, {}, "Inventory", {2}, TO, GET_REQ, "2"},
+        {T, {1}, 0, {}, "Inventory", {2}, TO, GETNEXT_REQ, "1"},
+        {T, {4}, 0, {}, "none", {4}, TO, GETNEXT_REQ, "4"},
+        // A profile's groups as bits from the most significant of the first octet (Syslog 1,
+        // Inventory 2, Environmental 3, Test 4), gathered until another profile's row or the
+        // end; a failure or a success without record gives nothing; a GETNEXT moves on to the
+        // next profile; an unknown profile asks for no group.
+        {G, text("p1"), 1, {{PO, {p1}}, {GO, {R(group_rec("p1", "Syslog")), R(group_rec("p1", "Inventory")), R(group_rec("p2", "Test"))}}}, eight(0x60), text("p1"), PO, GET_REQ, "p1"},
+        {G, text("p1"), 1, {{PO, {p1}}, {GO, {R(group_rec("p1", "all"))}}}, eight(0x78), text("p1"), GO, GETNEXT_REQ, "p1/"},
+        {G, text("p1"), 1, {{PO, {p1}}, {GO, {R(group_rec("p1", "Environmental"))}}}, eight(0x10), text("p1"), GO, GETNEXT_REQ, "p1/"},
+        {G, text("p1"), 1, {{PO, {p1}}}, eight(0), text("p1"), GO, GETNEXT_REQ, "p1/"},
+        {G, text("p1"), 1, {{PO, {p1}}, {GO, {R(group_rec("p2", "Syslog"))}}}, eight(0), text("p1"), GO, GETNEXT_REQ, "p1/"},
+        {G, text("p1"), 1, {{PO, {p1}}, {GO, {R(group_rec("p1", "Syslog")), unknown}}}, "none", text("p1"), GO, GETNEXT_REQ, "p1/"},
+        {G, text("p1"), 1, {{PO, {p1}}, {GO, {none}}}, "none", text("p1"), GO, GETNEXT_REQ, "p1/"},
+        {G, text("p1"), 0, {{PO, {R(profile_rec("xml"))}}, {GO, {R(group_rec("xml", "Inventory"))}}}, eight(0x20), text("xml"), PO, GETNEXT_REQ, "p1"},
+        {G, text("zz"), 1, {{PO, {unknown}}}, "none", text("zz"), GO, 0, "-"},
+        // Commands: a walk resolves the type names (a GETNEXT of the types at the start and
+        // after index 5) and writes the row back, also when the service went on to the next
+        // type or to one the registry does not know; a GET; failures still name the indexes
+        // tried, and a failed type lookup sends nothing for the command.
+        {C, {}, 0, {{CO, {R(cmd_rec(1, "Syslog", "a"))}}}, "a", {1, 1}, CO, GETNEXT_REQ, "Syslog/0"},
+        {C, {2}, 0, {{CO, {R(cmd_rec(3, "Inventory", "b"))}}}, "b", {2, 3}, CO, GETNEXT_REQ, "Inventory/0"},
+        {C, {1, 2}, 0, {{CO, {R(cmd_rec(4, "Syslog", "c"))}}}, "c", {1, 4}, CO, GETNEXT_REQ, "Syslog/2"},
+        {C, {1, 5}, 0, {{CO, {R(cmd_rec(1, "Inventory", "d"))}}}, "d", {2, 1}, CO, GETNEXT_REQ, "Inventory/0"},
+        {C, {1, 2}, 0, {{CO, {R(cmd_rec(2, "Test", "e"))}}}, "e", {4, 2}, CO, GETNEXT_REQ, "Syslog/2"},
+        {C, {1, 2}, 0, {{CO, {R(cmd_rec(1, "Gone", "f"))}}}, "f", {1, 1}, CO, GETNEXT_REQ, "Syslog/2"},
+        {CALLHOMEUSERDEFCLICMDSTATUS, {2, 3}, 1, {{CO, {R(cmd_rec(3, "Inventory", "g"))}}}, "1", {2, 3}, CO, GET_REQ, "Inventory/3"},
+        {C, {1, 5}, 0, {}, "none", {2, 0}, CO, GETNEXT_REQ, "Inventory/0"},
+        {C, {9, 1}, 0, {}, "none", {9, 1}, CO, 0, "-"}};
+    // clang-format on
+    const std::map<int, size_t> sizes = {{PO, 51}, {EO, 297}, {GO, 301}, {TO, 260}, {CO, 865}};
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const Scenario &c = cases[i];
+        SCOPED_TRACE(::testing::Message() << "case " << i);
+        restart();
+        queues = c.answers;
+        const Read r = fetch(c.magic, c.index, c.exact);
+        const bool text_value = column(c.magic).type == ASN_OCTET_STR;
+        EXPECT_EQ(!r.value ? "none" : text_value ? r.str() : std::to_string(r.num()), c.value);
+        EXPECT_EQ(r.oid_now(), arcs_of(c.magic) + c.row);
+        const auto s = sent(c.opcode);
+        ASSERT_EQ(s.empty(), c.key == "-");
+        if (!s.empty()) {
+            expect_call(s[0], c.msg_type, sizes.at(c.opcode));
+            EXPECT_EQ(sent_key(s[0]), c.key);
+        }
     }
 }
 
-TEST_F(TableReadCommandsTest, GetReadsOneRowAndRefusesIndexesAboveFive) {
-    const struct variable status = column(CALLHOMEUSERDEFCLICMDSTATUS);
-    backend.commands = {record_reply(cmd_rec(3, "Inventory", "show inv"))};
-    Name name(column_arcs(status) + Arcs{2, 3});
-    const Read r = read(status, name, 1);
-    ASSERT_NE(r.value, nullptr);
-    EXPECT_EQ(int_value(r), 1);
-    EXPECT_EQ(r.write, set_callHomeUserDefCliCmdStatus);
-    const auto cmds = requests(CALLHOME_USER_DEF_CMD_OPC);
-    ASSERT_EQ(cmds.size(), 1u);
-    EXPECT_EQ(cmds[0].msg_type, GET_REQ);
-    EXPECT_STREQ(FakeChannel::as<cmi_userdef_cli_cmd_t>(cmds[0]).alertgroup_type, "Inventory");
-
-    for (const Arcs &index : {Arcs{2, 6}, Arcs{2}, Arcs{}, Arcs{2, 3, 1}}) {
-        channel->clear();
-        Name bad(column_arcs(status) + index);
-        EXPECT_EQ(read(status, bad, 1).value, nullptr);
-        EXPECT_EQ(channel->count(), 0u);
-    }
+TEST_F(TableReadTest, WhatReadsHandBackBesidesTheValue) {
+    // The write handler, also when the row is not there (row creation); none for the types.
+    EXPECT_EQ(fetch(P, text("p1"), 1).write, set_callHomeDestProfileMsgFormat);
+    EXPECT_TRUE(traced(CALLHOME_TRACE_ERROR, "header_callHomeDestProfileEntry : Req  "));
+    EXPECT_EQ(fetch(T, {1}, 1).write, nullptr);
+    // RowStatus lives in the module's record, where a write handler may change it.
+    queues[PO] = {record_reply(profile_rec("p1"))};
+    EXPECT_EQ(fetch(CALLHOMEDESTPROFILESTATUS, text("p1"), 1).value,
+              reinterpret_cast<u_char *>(&callHomeDestProfileEntry.row_status));
+    // Gathering a profile's groups refreshes the registry, and each GETNEXT continues after
+    // the group just received.
+    restart();
+    queues = {
+        {PO, {record_reply(profile_rec("p1"))}},
+        {GO,
+         {record_reply(group_rec("p1", "Syslog")), record_reply(group_rec("p1", "Inventory"))}}};
+    ASSERT_NE(fetch(G, text("p1"), 1).value, nullptr);
+    EXPECT_EQ(alertgroup_type_count, 4u);
+    const auto groups = sent(GO);
+    ASSERT_EQ(groups.size(), 3u);
+    EXPECT_EQ(sent_key(groups[1]) + " " + sent_key(groups[2]), "p1/Syslog p1/Inventory");
 }
 
-TEST_F(TableReadCommandsTest, FailuresStillNameTheIndexesTried) {
-    const struct variable vp = column(CALLHOMEUSERDEFCLICMD);
-    // The command request fails: the OID names the row asked for.
-    backend.commands = {status_reply(CALLHOME_END_OF_TABLE)};
-    Name name(column_arcs(vp) + Arcs{1, 5});
-    EXPECT_EQ(read(vp, name, 0).value, nullptr);
-    EXPECT_EQ(name.get(), (column_arcs(vp) + Arcs{2, 0}));
-
-    // The type lookup fails: nothing is sent for the command and the OID stays.
-    channel->clear();
-    Name unknown(column_arcs(vp) + Arcs{9, 1});
-    EXPECT_EQ(read(vp, unknown, 0).value, nullptr);
-    EXPECT_EQ(unknown.get(), (column_arcs(vp) + Arcs{9, 1}));
-    EXPECT_TRUE(requests(CALLHOME_USER_DEF_CMD_OPC).empty());
+TEST_F(TableReadTest, AlertGroupDistributionVariantsAndTheirResends) {
+    // A read, then reads for a SET that the service asks to repeat without distribution: the
+    // groups are then walked plainly to the end.
+    platform::set_distribution(true, 0);
+    const Reply resend = status_reply(CALLHOME_ERR_VELD_RESEND);
+    const std::tuple<int, int, std::vector<int>> cases[] = {
+        {1, 0, {VELD_GET_REQ, VELD_GETNEXT_REQ, VELD_GETNEXT_REQ}},
+        {1, 1, {VELD_GET_REQ, GET_REQ, VELD_GETNEXT_REQ, GETNEXT_REQ, GETNEXT_REQ}},
+        {0, 1, {VELD_GETNEXT_REQ, GETNEXT_REQ, VELD_GETNEXT_REQ, GETNEXT_REQ, GETNEXT_REQ}}};
+    for (const auto &[exact, get_for_set, want] : cases) {
+        restart();
+        queues = {{PO, {record_reply(profile_rec("p1"))}},
+                  {GO, {record_reply(group_rec("p1", "Syslog"))}}};
+        if (get_for_set) {
+            queues[PO].push_front(resend);
+            queues[GO].push_front(resend);
+        }
+        ASSERT_EQ(header(G, text("p1"), exact, get_for_set), 0);
+        std::vector<int> types;
+        for (const auto &r : channel->requests()) {
+            if (r.opcode != TO) {
+                types.push_back(r.msg_type);
+            }
+        }
+        EXPECT_EQ(types, want);
+        EXPECT_STREQ(summary.destination_profile_id, "p1");
+        EXPECT_TRUE(summary.bitset_size == 32u && summary.bitset[0] == 0x40);
+    }
 }
 
 } // namespace
