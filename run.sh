@@ -48,6 +48,8 @@ ensure_packages() {
             missing+=("$p")
         fi
     done
+    # The MIB checks fetch the IETF base modules with npm; any npm will do.
+    command -v npm >/dev/null || missing+=(npm)
     ((${#missing[@]} == 0)) && return 0
     log "run.sh: installing ${missing[*]}"
     local sudo=()
