@@ -48,27 +48,9 @@ long long_value;
 ip_addr_t address_value;
 char error_text_value[256];
 
-// An answer of the service; freed however the read ends.
-struct Answer {
-    void *record = nullptr;
-    uint32_t length = 0;
-    Answer() = default;
-    Answer(const Answer &) = delete;
-    Answer &operator=(const Answer &) = delete;
-    ~Answer() { release(); }
-    void release() {
-        free(record);
-        record = nullptr;
-    }
-    // A copy of the answer as `Record`, zero-filled where the answer was shorter.
-    template <class Record> void copy_to(Record *out) const {
-        memset(out, 0, sizeof *out);
-        memcpy(out, record, std::min<size_t>(length, sizeof *out));
-    }
-};
-
 // Asks the service for a scalar record; 0 only when an answer record came back.
-int request_scalar(int opcode, int msg_type, const void *request, uint32_t length, Answer *answer) {
+int request_scalar(int opcode, int msg_type, const void *request, uint32_t length,
+                   CmiAnswer *answer) {
     answer->release();
     answer->length = length;
     const int status =
@@ -113,7 +95,7 @@ template <size_t N> void terminate(char (&text)[N]) {
     text[N - 1] = '\0';
 }
 
-u_char *email_conf_value(const Answer &answer, size_t *var_len, int magic) {
+u_char *email_conf_value(const CmiAnswer &answer, size_t *var_len, int magic) {
     cmi_email_conf_t &conf = callhome_email_conf;
     answer.copy_to(&conf);
     callHomeEmailConf_ntoh(&conf);
@@ -167,7 +149,7 @@ u_char *email_conf_value(const Answer &answer, size_t *var_len, int magic) {
     }
 }
 
-u_char *info_value(const Answer &answer, size_t *var_len, int magic) {
+u_char *info_value(const CmiAnswer &answer, size_t *var_len, int magic) {
     cmi_callhome_info_t info;
     answer.copy_to(&info);
     terminate(info.info_name);
@@ -209,7 +191,7 @@ u_char *error_message_value(const callhome_status_t &status, size_t *var_len) {
     return reinterpret_cast<u_char *>(error_text_value);
 }
 
-u_char *status_value(const Answer &answer, size_t *var_len, int magic) {
+u_char *status_value(const CmiAnswer &answer, size_t *var_len, int magic) {
     callhome_status_t status;
     answer.copy_to(&status);
     terminate(status.callhome_error_message);
@@ -247,7 +229,7 @@ u_char *status_value(const Answer &answer, size_t *var_len, int magic) {
     }
 }
 
-uint32_t switch_value(const Answer &answer) {
+uint32_t switch_value(const CmiAnswer &answer) {
     callhome_switch_t record;
     answer.copy_to(&record);
     return ntohl(record.value);
@@ -283,7 +265,7 @@ u_char *get_using_cmi(int opcode, void *request, uint32_t length, size_t *var_le
     const int msg_type = opcode == CALLHOME_STATUS_OPC ? GET_REQ : read_msg_type(__func__);
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending req: opcode = %s, obj = %d\n", __func__,
                    mts_opc_name_get(opcode), magic);
-    Answer answer;
+    CmiAnswer answer;
     const int status = request_scalar(opcode, msg_type, request, length, &answer);
     if (status != CALLHOME_SUCCESS) {
         callhome_trace(CALLHOME_TRACE_ERROR, "%s : Req failed : %s\n", __func__,
@@ -325,7 +307,7 @@ long get_periodic_inventory_info(callhome_periodic_inventory_t *record, int magi
     }
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending req: PERIODIC_INVENTORY obj = %d\n", __func__,
                    magic);
-    Answer answer;
+    CmiAnswer answer;
     int status =
         request_scalar(CALLHOME_PERIODIC_INVENTORY_OPC, msg_type, record, sizeof *record, &answer);
     if (msg_type == VELD_GET_REQ && get_for_set && status == CALLHOME_ERR_VELD_RESEND) {

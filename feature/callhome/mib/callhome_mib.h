@@ -10,7 +10,9 @@
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "callhome_wire.h"
 #include "cmi.h"
@@ -270,6 +272,15 @@ struct CmiAnswer {
         record = nullptr;
         length = 0;
     }
+    /* Copies the answer over `size` bytes of dst. A short answer leaves the rest zero rather
+     * than reading past the end of what the service sent. */
+    void copy_to(void *dst, size_t size) const {
+        std::memset(dst, 0, size);
+        if (record != nullptr) {
+            std::memcpy(dst, record, std::min<size_t>(size, length));
+        }
+    }
+    template <class Record> void copy_to(Record *out) const { copy_to(out, sizeof *out); }
 };
 
 #endif

@@ -51,11 +51,9 @@ int table_request(int opcode, int msg_type, const void *request, uint32_t length
                         mts_response_q, kReadWait);
 }
 
-/* Copies the answer over `size` bytes of dst and frees it. A short answer leaves the rest
- * zero rather than reading past the end of what the service sent. */
+/* Copies the answer over `size` bytes of dst and frees it. */
 void take_answer(void *dst, size_t size, CmiAnswer &answer) {
-    std::memset(dst, 0, size);
-    std::memcpy(dst, answer.record, std::min<size_t>(size, answer.length));
+    answer.copy_to(dst, size);
     answer.release();
 }
 
