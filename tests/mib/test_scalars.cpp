@@ -304,6 +304,15 @@ TEST_F(Scalars, ReadEmailAnswerIsKeptInHostOrderAndFailuresAreTraced) {
         std::make_pair(587u, 16u));
     EXPECT_STREQ(callhome_email_conf.reply_to, "old-reply@example.com");
 
+    // The record goes out as the request in the channel's order and stays in host order
+    // when the read fails.
+    channel.answer_errno(ETIME);
+    get(CALLHOMESMTPSERVERPORT);
+    const auto sent = channel.as<cmi_email_conf_t>(channel.last());
+    EXPECT_EQ(std::make_pair(sent.smtp_server_port, sent.address_type),
+              std::make_pair(be32(587), be32(16)));
+    EXPECT_EQ(callhome_email_conf.smtp_server_port, 587u);
+
     platform::clear_trace_history();
     channel.answer_errno(ETIME);
     get(CALLHOMESITEID);
@@ -326,8 +335,8 @@ TEST_F(Scalars, ReadLastAlertTimeIsTheAgentsUptimeThen) {
 }
 
 // A write's read of the periodic inventory (failed reads as the write sends them are checked
-// in test_scalar_write.cpp): with distribution on it reads the distributed value whatever the
-// show-run mode, and repeats the read once as a plain read when the service asks for it.
+// below, with the periodic writes): with distribution on it reads the distributed value whatever
+// the show-run mode, and repeats the read once as a plain read when the service asks for it.
 TEST_F(Scalars, ReadPeriodicInventoryReadForAWrite) {
     callhome_periodic_inventory_t request{};
     platform::set_distribution(true, 1);
@@ -346,6 +355,9 @@ TEST_F(Scalars, ReadPeriodicInventoryReadForAWrite) {
     channel.answer_status(CALLHOME_ERR_VELD_RESEND);
     EXPECT_EQ(get_periodic_inventory_info(&request, PERIODICSWINVENTORYMSGENABLE, 0), -1);
     EXPECT_EQ(channel.count(), 5u);
+    // Fields are signed: the service's -1 is a failed read, not 4294967295.
+    channel.answer(callhome_periodic_inventory_t{be32(1), be32(0xFFFFFFFFu), 0, be32(90)});
+    EXPECT_EQ(get_periodic_inventory_info(&request, PERIODICSWINVENTORYTIMEFRAME, 0), -1);
 }
 
 /* ---- Writes -------------------------------------------------------------------------- */

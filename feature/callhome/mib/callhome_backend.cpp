@@ -265,8 +265,18 @@ u_char *get_using_cmi(int opcode, void *request, uint32_t length, size_t *var_le
     const int msg_type = opcode == CALLHOME_STATUS_OPC ? GET_REQ : read_msg_type(__func__);
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending req: opcode = %s, obj = %d\n", __func__,
                    mts_opc_name_get(opcode), magic);
+    // The e-mail record goes out as it came in, in the channel's byte order, and is left in
+    // host order whatever the answer.
+    auto *email_request =
+        opcode == CALLHOME_EMAIL_CONF_OPC ? static_cast<cmi_email_conf_t *>(request) : nullptr;
+    if (email_request != nullptr) {
+        callHomeEmailConf_hton(email_request);
+    }
     CmiAnswer answer;
     const int status = request_scalar(opcode, msg_type, request, length, &answer);
+    if (email_request != nullptr) {
+        callHomeEmailConf_ntoh(email_request);
+    }
     if (status != CALLHOME_SUCCESS) {
         callhome_trace(CALLHOME_TRACE_ERROR, "%s : Req failed : %s\n", __func__,
                        callhome_status_text(status));
@@ -340,10 +350,11 @@ long get_periodic_inventory_info(callhome_periodic_inventory_t *record, int magi
     switch (magic) {
     case PERIODICSWINVENTORYMSGENABLE:
         return ntohl(answered.enable) != 0 ? 1 : 2;
+    // The fields are signed on the wire: a value the service sends as -1 reads as a failure.
     case PERIODICSWINVENTORYTIMEFRAME:
-        return ntohl(answered.time_frame);
+        return static_cast<int32_t>(ntohl(answered.time_frame));
     case PERIODICSWINVENTORYTIMEOFDAY:
-        return ntohl(answered.time_of_day);
+        return static_cast<int32_t>(ntohl(answered.time_of_day));
     default:
         return 0;
     }

@@ -790,7 +790,7 @@ int set_PeriodicSwInventoryTimeOfDay(int action, u_char *var_val, u_char var_val
 
     // Format and range are checked here, not in RESERVE1.
     callhome_trace(CALLHOME_TRACE_INFO, "%s : IN ACTION SWITCH CASE \n", kHandler);
-    char text[16];
+    char text[16] = {};
     copy_text(text, var_val, var_val_len);
     PeriodicFields fields{};
     if (!parse_time_of_day(kHandler, text, &fields.time_of_day)) {
