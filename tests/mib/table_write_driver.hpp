@@ -225,6 +225,9 @@ class TableModel {
             return raw(0);
         }
     }
+
+  public:
+    // Answers one request as the service would; tests may wrap it to answer differently.
     platform::CmiReply serve(const platform::CmiRequest &r) {
         auto status = [](int s) { return platform::CmiReply{s, false, {}, 0}; };
         auto fault = faults_.find({r.opcode, r.msg_type});
@@ -248,6 +251,8 @@ class TableModel {
         }
         return platform::CmiReply{0, true, it->second, 0};
     }
+
+  private:
     std::map<std::pair<int, int>, std::pair<int, int>> faults_;
 };
 

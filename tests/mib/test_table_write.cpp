@@ -274,6 +274,22 @@ TEST_F(TableWrite, WithoutKnownTypesNoGroupIsSent) {
     }
 }
 
+// A write goes to the row its OID names, even when the service's read answers another row.
+TEST_F(TableWrite, CommandWritesGoToTheRowTheOidNames) {
+    reset();
+    channel.serve_with([this](const platform::CmiRequest &r) {
+        platform::CmiReply reply = model.serve(r);
+        if (r.opcode == CALLHOME_USER_DEF_CMD_OPC && r.msg_type == GET_REQ && reply.has_record) {
+            const int32_t other = be(3);
+            std::memcpy(reply.record.data() + offsetof(cmi_userdef_cli_cmd_t, index), &other,
+                        sizeof other);
+        }
+        return reply;
+    });
+    EXPECT_EQ(run_set({cmd(1, 2, 6)}).status, 0);
+    EXPECT_EQ(sent(), std::vector<Write>{del(kCmd)});
+}
+
 TEST_F(TableWrite, UpdateOfOneGroupClearsTheFlagAndMapsTheStatus) {
     reset();
     callHomeAlertGroupEntry_t e{};

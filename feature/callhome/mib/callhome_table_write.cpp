@@ -178,6 +178,7 @@ struct ProfileTable {
     static int read_for_set(const oid *name, size_t name_len, Row *row) {
         return read_profile(name, name_len, row);
     }
+    static void own_key(Row &, const oid *, size_t) {}
     static void terminate(Row &row) {
         row.destination_profile_id[sizeof row.destination_profile_id - 1] = '\0';
     }
@@ -335,6 +336,7 @@ struct EmailTable {
         return status;
     }
     static void terminate(Row &row) { row.email_addr[sizeof row.email_addr - 1] = '\0'; }
+    static void own_key(Row &, const oid *, size_t) {}
 
     static const char *phase_text(int action) {
         static const char *const texts[] = {"%s : In RESERVE1:\n", "%s : In RESERVE2:\n",
@@ -491,7 +493,15 @@ struct UserCmdTable {
         int status =
             header_callHomeUserDefCliCmdEntry(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1, row, 1);
         terminate(*row);
+        own_key(*row, name, name_len);
         return status;
+    }
+    /* Whatever row the service answered with, a write goes to the row the OID names. */
+    static void own_key(Row &row, const oid *name, size_t name_len) {
+        if (name_len == kUserCmdPrefixLen + 2) {
+            row.alertgroup_type = static_cast<int32_t>(name[kUserCmdPrefixLen]);
+            row.index = static_cast<int32_t>(name[kUserCmdPrefixLen + 1]);
+        }
     }
     static void terminate(Row &row) {
         row.alertgroup_name[sizeof row.alertgroup_name - 1] = '\0';
@@ -617,7 +627,7 @@ struct UserCmdTable {
 /* ---- The RowStatus row-write machine -------------------------------------------------- */
 
 /* Keeps a copy of the row as the read handler found it, for UNDO. */
-template <class T> int keep_undo_copy(const char *fn) {
+template <class T> int keep_undo_copy(const char *fn, const oid *name, size_t name_len) {
     using Row = typename T::Row;
     auto *copy = static_cast<Row *>(malloc(sizeof(Row)));
     if (copy == nullptr) {
@@ -627,6 +637,7 @@ template <class T> int keep_undo_copy(const char *fn) {
     }
     std::memcpy(copy, &T::current(), sizeof(Row));
     T::terminate(*copy);
+    T::own_key(*copy, name, name_len);
     if (!add_row(T::undo_list(), copy)) {
         T::trace_undo_add_failed(fn, *copy);
         free(copy);
@@ -685,7 +696,7 @@ int row_status_reserve1(const char *fn, const u_char *var_val, u_char var_val_ty
         return SNMP_ERR_INCONSISTENTVALUE;
     }
     if (exists) {
-        int rc = keep_undo_copy<T>(fn);
+        int rc = keep_undo_copy<T>(fn, name, name_len);
         if (rc != SNMP_ERR_NOERROR) {
             return rc;
         }
