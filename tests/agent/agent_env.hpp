@@ -382,6 +382,30 @@ inline std::vector<std::pair<std::string, std::string>> varbinds(const std::stri
     return v;
 }
 
+// ".len.c1.c2..." : a text index as a table row's OID carries it.
+inline std::string text_index(const std::string &s) {
+    std::string out = "." + std::to_string(s.size());
+    for (unsigned char c : s) {
+        out += "." + std::to_string(c);
+    }
+    return out;
+}
+
+// The SNMP error status named in snmpset's output, or "noError".
+inline std::string error_status(const CommandResult &r) {
+    const auto at = r.out.find("Reason: ");
+    if (at == std::string::npos) {
+        return r.status == 0 ? "noError" : r.out;
+    }
+    const auto end = r.out.find_first_of(" \n", at + 8);
+    std::string name = r.out.substr(at + 8, end - at - 8);
+    // net-snmp puts some names in parentheses, and spells genErr its own way.
+    if (name.size() > 2 && name.front() == '(' && name.back() == ')') {
+        name = name.substr(1, name.size() - 2);
+    }
+    return name == "genError" ? "genErr" : name;
+}
+
 // Numeric comparison of dotted OIDs.
 inline bool oid_less(const std::string &a, const std::string &b) {
     auto arcs = [](const std::string &s) {

@@ -8,15 +8,6 @@ namespace {
 
 const std::string R = kRoot;
 
-// ".len.c1.c2..." of a text index.
-std::string text_index(const std::string &s) {
-    std::string out = "." + std::to_string(s.size());
-    for (unsigned char c : s) {
-        out += "." + std::to_string(c);
-    }
-    return out;
-}
-
 class AgentTableRead : public AgentEnv {
   protected:
     void SetUp() override {
