@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "callhome_wire.h"
+#include "run_command.hpp"
 #include "cmi.h"
 #include "platform/testing.hpp"
 
@@ -36,26 +37,11 @@ namespace fs = std::filesystem;
 
 inline constexpr const char *kRoot = ".1.3.6.1.4.1.32473.9.300";
 
-struct CommandResult {
-    int status = -1;
-    std::string out; // stdout and stderr together
-};
+using callhome_test::CommandResult;
 
-// Runs a shell command line; output is captured. Arguments must already be quoted.
+// Runs a shell command line; standard output and error are captured together.
 inline CommandResult run(const std::string &command) {
-    CommandResult r;
-    FILE *p = ::popen((command + " 2>&1").c_str(), "r");
-    if (p == nullptr) {
-        return r;
-    }
-    std::array<char, 4096> buf{};
-    size_t n;
-    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) {
-        r.out.append(buf.data(), n);
-    }
-    const int st = ::pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+    return callhome_test::run_command(command + " 2>&1");
 }
 
 inline std::string quote(const std::string &s) {

@@ -11,41 +11,25 @@
 #include <sys/wait.h>
 
 #include "callhome_mib.h"
+#include "run_command.hpp"
 
 namespace {
 
 const std::string kRoot = "1.3.6.1.4.1.32473.9.300";
 const std::string kModule = "CALLHOME-MIB";
 
-struct Result {
-    int status = -1;
-    std::string out;
-};
-
-Result run(const std::string &command) {
-    Result r;
-    FILE *p = ::popen(command.c_str(), "r");
-    if (p == nullptr) {
-        return r;
-    }
-    std::array<char, 4096> buf{};
-    size_t n;
-    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) {
-        r.out.append(buf.data(), n);
-    }
-    const int st = ::pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
+using Result = callhome_test::CommandResult;
+using callhome_test::run_command;
 
 // snmptranslate with only this module and the IETF base modules it imports. Its standard
 // error is kept apart so that parser complaints can be checked on their own.
 Result translate(const std::string &args, std::string *errors = nullptr) {
     const std::string err_file = ::testing::TempDir() + "snmptranslate.err";
-    Result r = run("MIBDIRS='" + std::string(BASE_MIB_DIR) + ":" + MIB_DIR + "' MIBS=" + kModule +
-                   " " + SNMPTRANSLATE_PATH + " " + args + " 2>" + err_file);
+    Result r =
+        run_command("MIBDIRS='" + std::string(BASE_MIB_DIR) + ":" + MIB_DIR + "' MIBS=" + kModule +
+                    " " + SNMPTRANSLATE_PATH + " " + args + " 2>" + err_file);
     if (errors != nullptr) {
-        *errors = run("cat " + err_file).out;
+        *errors = run_command("cat " + err_file).out;
     }
     while (!r.out.empty() && r.out.back() == '\n') {
         r.out.pop_back();
@@ -144,8 +128,8 @@ bool syntax_matches(const std::string &syntax, u_char asn_type) {
 
 TEST(MibDefinition, SmilintReportsNoErrors) {
     // Levels 0 to 3 are errors; warnings (4 and above) are printed for the reader only.
-    const Result r = run("SMIPATH='" + std::string(BASE_MIB_DIR) + ":" + MIB_DIR + "' " +
-                         SMILINT_PATH + " -l 9 -s " + MIB_DIR + "/CALLHOME-MIB.txt 2>&1");
+    const Result r = run_command("SMIPATH='" + std::string(BASE_MIB_DIR) + ":" + MIB_DIR + "' " +
+                                 SMILINT_PATH + " -l 9 -s " + MIB_DIR + "/CALLHOME-MIB.txt 2>&1");
     std::cout << r.out;
     for (const char *severe : {": [0] ", ": [1] ", ": [2] ", ": [3] "}) {
         EXPECT_EQ(r.out.find(severe), std::string::npos) << r.out;

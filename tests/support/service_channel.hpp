@@ -22,8 +22,7 @@ class ServiceChannel {
     ServiceChannel &operator=(const ServiceChannel &) = delete;
 
     callhome::Service &service() { return *service_; }
-    // Runs an admin command (as callhomectl would) and returns its output; fails the
-    // calling test through the returned status when the command fails.
+    // Runs an admin command as callhomectl would: (exit status, output).
     std::pair<int, std::string> admin(const std::vector<std::string> &args) {
         return service_->admin(args);
     }
