@@ -98,9 +98,16 @@ TEST(Syserr, StatusTextsAtTheEdgesOfTheRange) {
 
 TEST_F(PlatformTest, ErrorsHeartbeatsContextAndDistributionState) {
     EXPECT_EQ(platform::last_set_error(), std::make_pair(int32_t(0), 0));
+    ::testing::internal::CaptureStderr();
     log_set_error(0x403B0019, 472);
     log_set_error(-1, 472);
     EXPECT_EQ(platform::last_set_error(), std::make_pair(int32_t(-1), 472));
+    // A successful write is recorded but not logged as a failure.
+    log_set_error(0, 472);
+    EXPECT_EQ(platform::last_set_error(), std::make_pair(int32_t(0), 472));
+    const std::string logged = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(logged.find("failed (record 472): invalid input"), std::string::npos) << logged;
+    EXPECT_EQ(logged.find("unknown error 0x00000000"), std::string::npos) << logged;
     // The record's text field is read up to its 208 bytes, terminated or not; the block is
     // exactly as long as the record, so ASan sees any read beyond.
     auto *record = static_cast<char *>(std::calloc(1, 264 + 208));
