@@ -320,24 +320,9 @@ extern "C" const char *mts_opc_name_get(int opcode) {
         int code;
         const char *name;
     };
-#define CALLHOME_NAME(x)                                                                           \
-    { x, #x }
-    static constexpr Name kNames[] = {
-        CALLHOME_NAME(CALLHOME_EMAIL_CONF_OPC),
-        CALLHOME_NAME(CALLHOME_DEST_EMAIL_OPC),
-        CALLHOME_NAME(CALLHOME_DEST_PROFILE_OPC),
-        CALLHOME_NAME(CALLHOME_INFO_OPC),
-        CALLHOME_NAME(CALLHOME_ENABLE_OPC),
-        CALLHOME_NAME(CALLHOME_ALERT_ACTION_OPC),
-        CALLHOME_NAME(CALLHOME_STATUS_OPC),
-        CALLHOME_NAME(CALLHOME_PROFILE_ALERTGROUP_OPC),
-        CALLHOME_NAME(CALLHOME_ALERTGROUP_TYPE_OPC),
-        CALLHOME_NAME(CALLHOME_MSG_THROTTLING_OPC),
-        CALLHOME_NAME(CALLHOME_PERIODIC_INVENTORY_OPC),
-        CALLHOME_NAME(CALLHOME_USER_DEF_CMD_OPC),
-        CALLHOME_NAME(CALLHOME_ALERTGROUP_ADDED_NOTIF),
-        CALLHOME_NAME(CALLHOME_ALERTGROUP_DELETED_NOTIF),
-    };
+#define CALLHOME_NAME(name, code) {code, #name},
+    static constexpr Name kNames[] = {CALLHOME_OPCODES(CALLHOME_NAME)
+                                          CALLHOME_NOTIFICATIONS(CALLHOME_NAME)};
 #undef CALLHOME_NAME
     for (const auto &n : kNames) {
         if (n.code == opcode) {

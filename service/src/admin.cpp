@@ -48,20 +48,9 @@ AdminUsageError usage(const std::string &what) {
 } // namespace
 
 std::optional<int> parse_opcode(const std::string &text) {
-    static const std::pair<const char *, int> names[] = {
-        {"CALLHOME_EMAIL_CONF_OPC", CALLHOME_EMAIL_CONF_OPC},
-        {"CALLHOME_DEST_EMAIL_OPC", CALLHOME_DEST_EMAIL_OPC},
-        {"CALLHOME_DEST_PROFILE_OPC", CALLHOME_DEST_PROFILE_OPC},
-        {"CALLHOME_INFO_OPC", CALLHOME_INFO_OPC},
-        {"CALLHOME_ENABLE_OPC", CALLHOME_ENABLE_OPC},
-        {"CALLHOME_ALERT_ACTION_OPC", CALLHOME_ALERT_ACTION_OPC},
-        {"CALLHOME_STATUS_OPC", CALLHOME_STATUS_OPC},
-        {"CALLHOME_PROFILE_ALERTGROUP_OPC", CALLHOME_PROFILE_ALERTGROUP_OPC},
-        {"CALLHOME_ALERTGROUP_TYPE_OPC", CALLHOME_ALERTGROUP_TYPE_OPC},
-        {"CALLHOME_MSG_THROTTLING_OPC", CALLHOME_MSG_THROTTLING_OPC},
-        {"CALLHOME_PERIODIC_INVENTORY_OPC", CALLHOME_PERIODIC_INVENTORY_OPC},
-        {"CALLHOME_USER_DEF_CMD_OPC", CALLHOME_USER_DEF_CMD_OPC},
-    };
+#define CALLHOME_OPCODE(name, code) {#name, code},
+    static const std::pair<const char *, int> names[] = {CALLHOME_OPCODES(CALLHOME_OPCODE)};
+#undef CALLHOME_OPCODE
     for (const auto &[name, value] : names) {
         if (text == name) {
             return value;

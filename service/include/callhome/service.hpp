@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/testing.hpp"
+#include "platform/cmi_request.hpp"
 
 namespace callhome {
 

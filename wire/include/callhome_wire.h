@@ -1,5 +1,6 @@
 /*
- * Wire records and opcodes of the call-home service's request channel.
+ * Wire records and opcodes of the call-home service's request channel: the contract between
+ * the MIB module, the platform and the service, depending on none of them.
  *
  * Every record is packed and travels big-endian (network order); text fields are
  * NUL-terminated and zero-filled beyond the text. The module and the service both build on
@@ -11,27 +12,30 @@
 #include <cstddef>
 #include <cstdint>
 
-/* Opcodes (first argument of cmi_req_resp). */
-enum : int {
-    CALLHOME_EMAIL_CONF_OPC = 2152,
-    CALLHOME_DEST_EMAIL_OPC = 2153,
-    CALLHOME_DEST_PROFILE_OPC = 2154,
-    CALLHOME_INFO_OPC = 2155,
-    CALLHOME_ENABLE_OPC = 2156,
-    CALLHOME_ALERT_ACTION_OPC = 2157,
-    CALLHOME_STATUS_OPC = 2159,
-    CALLHOME_PROFILE_ALERTGROUP_OPC = 2162,
-    CALLHOME_ALERTGROUP_TYPE_OPC = 2163,
-    CALLHOME_MSG_THROTTLING_OPC = 2173,
-    CALLHOME_PERIODIC_INVENTORY_OPC = 2175,
-    CALLHOME_USER_DEF_CMD_OPC = 2185,
-};
+/* Opcodes (first argument of cmi_req_resp): the one list of names and numbers, which the
+ * platform's trace names and callhomectl's opcode parser expand as well. */
+#define CALLHOME_OPCODES(X)                                                                        \
+    X(CALLHOME_EMAIL_CONF_OPC, 2152)                                                               \
+    X(CALLHOME_DEST_EMAIL_OPC, 2153)                                                               \
+    X(CALLHOME_DEST_PROFILE_OPC, 2154)                                                             \
+    X(CALLHOME_INFO_OPC, 2155)                                                                     \
+    X(CALLHOME_ENABLE_OPC, 2156)                                                                   \
+    X(CALLHOME_ALERT_ACTION_OPC, 2157)                                                             \
+    X(CALLHOME_STATUS_OPC, 2159)                                                                   \
+    X(CALLHOME_PROFILE_ALERTGROUP_OPC, 2162)                                                       \
+    X(CALLHOME_ALERTGROUP_TYPE_OPC, 2163)                                                          \
+    X(CALLHOME_MSG_THROTTLING_OPC, 2173)                                                           \
+    X(CALLHOME_PERIODIC_INVENTORY_OPC, 2175)                                                       \
+    X(CALLHOME_USER_DEF_CMD_OPC, 2185)
 
 /* Platform notifications of the service. */
-enum : int {
-    CALLHOME_ALERTGROUP_ADDED_NOTIF = 2166,
-    CALLHOME_ALERTGROUP_DELETED_NOTIF = 2167,
-};
+#define CALLHOME_NOTIFICATIONS(X)                                                                  \
+    X(CALLHOME_ALERTGROUP_ADDED_NOTIF, 2166)                                                       \
+    X(CALLHOME_ALERTGROUP_DELETED_NOTIF, 2167)
+
+#define CALLHOME_ENUMERATOR(name, code) name = code,
+enum : int { CALLHOME_OPCODES(CALLHOME_ENUMERATOR) CALLHOME_NOTIFICATIONS(CALLHOME_ENUMERATOR) };
+#undef CALLHOME_ENUMERATOR
 
 /* Message types (second argument of cmi_req_resp). */
 enum : int {
