@@ -258,6 +258,7 @@ TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
         {C, {2}, 0, {{CO, {R(cmd_rec(3, "Inventory", "b"))}}}, "b", {2, 3}, CO, GETNEXT_REQ, "Inventory/0"},
         {C, {1, 2}, 0, {{CO, {R(cmd_rec(4, "Syslog", "c"))}}}, "c", {1, 4}, CO, GETNEXT_REQ, "Syslog/2"},
         {C, {1, 5}, 0, {{CO, {R(cmd_rec(1, "Inventory", "d"))}}}, "d", {2, 1}, CO, GETNEXT_REQ, "Inventory/0"},
+        {C, {0, 5}, 0, {{CO, {R(cmd_rec(1, "Syslog", "z"))}}}, "z", {1, 1}, CO, GETNEXT_REQ, "Syslog/0"},
         {C, {1, 2}, 0, {{CO, {R(cmd_rec(2, "Test", "e"))}}}, "e", {4, 2}, CO, GETNEXT_REQ, "Syslog/2"},
         {C, {1, 2}, 0, {{CO, {R(cmd_rec(1, "Gone", "f"))}}}, "f", {1, 1}, CO, GETNEXT_REQ, "Syslog/2"},
         {CALLHOMEUSERDEFCLICMDSTATUS, {2, 3}, 1, {{CO, {R(cmd_rec(3, "Inventory", "g"))}}}, "1", {2, 3}, CO, GET_REQ, "Inventory/3"},

@@ -741,10 +741,12 @@ int get_callHomeUserDefCliCmd_instance(oid *vp_name, size_t vp_namelen, oid *nam
             type_index = name[vp_namelen];
             cmd_index = *length > vp_namelen + 1 ? name[vp_namelen + 1] : 0;
         }
+        /* Two separate rules: type 0 asks for the first type, and index 5 has no command
+         * after it, so the walk goes on at the next type from its start (also from (0, 5)). */
         if (type_index == 0) {
-            msg_type = GETNEXT_REQ; /* the first type */
-        } else if (cmd_index == kMaxUserCmdIndex) {
-            /* No command after the last index: go on at the next type. */
+            msg_type = GETNEXT_REQ;
+        }
+        if (cmd_index == kMaxUserCmdIndex) {
             cmd_index = 0;
             msg_type = GETNEXT_REQ;
         }
