@@ -1,7 +1,8 @@
 /*
  * The alert-group type registry: the module's copy of the service's list of alert-group
- * types, the mapping of type names to bits of a profile's alert-group set, and the
- * notifications that announce added and removed types.
+ * types, the mapping of type names to bits of a profile's alert-group set, the writes of a
+ * profile's alert groups that use them, and the notifications that announce added and
+ * removed types.
  */
 #include <arpa/inet.h>
 
@@ -41,18 +42,13 @@ int next_type(callhome_alertgroup_type_t *request, bool *answered) {
     callhome_alertgroup_type_t wire = *request;
     callhome_alertgroup_type_hton(&wire);
     CmiAnswer answer;
-    answer.length = sizeof wire;
-    const int status =
-        cmi_req_resp(CALLHOME_ALERTGROUP_TYPE_OPC, GETNEXT_REQ, &wire, &answer.record,
-                     &answer.length, get_snmp_username(0), get_snmp_sessionid(0),
-                     CALLHOME_CLIENT_TABLE, mts_response_q, kLookupWait);
+    const int status = callhome_read(CALLHOME_ALERTGROUP_TYPE_OPC, GETNEXT_REQ, &wire, sizeof wire,
+                                     CALLHOME_CLIENT_TABLE, kLookupWait, &answer);
     *answered = answer.record != nullptr;
     if (status == 0 && answer.record != nullptr) {
-        /* A short answer leaves the rest zero rather than reading past what was sent. */
-        std::memset(request, 0, sizeof *request);
-        std::memcpy(request, answer.record, std::min<size_t>(sizeof *request, answer.length));
+        answer.copy_to(request);
         callhome_alertgroup_type_ntoh(request);
-        request->grp_name[sizeof request->grp_name - 1] = '\0';
+        callhome_terminate(request->grp_name);
     }
     return status;
 }
@@ -182,6 +178,146 @@ int get_alertgroup_type_index(int start, const char *name) {
 }
 
 } /* extern "C" */
+
+/* ---- Writes of a profile's alert groups ------------------------------------------------- */
+
+namespace {
+
+constexpr size_t kAlertGroupPrefixLen = 14;
+constexpr size_t kAlertGroupValueMax = 8; /* type indexes 0 to 63 */
+
+/* A bit set in the platform's layout: the header word, then the storage. */
+struct AlertGroupSet {
+    uint32_t size;
+    uint8_t bits[sizeof(mibAlertGroup_t::bitset)];
+};
+
+/* The known types: the registry's count, but never past its terminator (a refresh that finds
+ * no type leaves the old count behind). */
+uint32_t known_type_count() {
+    return std::min<uint32_t>(alertgroup_type_count, static_cast<uint32_t>(listed_types()));
+}
+
+void send_alertgroup(int msg_type, const char *profile, const char *group) {
+    callHomeAlertGroupEntry_t entry;
+    std::memset(&entry, 0, sizeof entry);
+    callhome_copy_text(entry.destination_profile_id, sizeof entry.destination_profile_id, profile,
+                       SIZE_MAX);
+    callhome_copy_text(entry.alert_group, sizeof entry.alert_group, group, SIZE_MAX);
+    entry.word = 0;
+    /* A failure is traced and logged by the sender; the manager isn't told. */
+    update_cmi_alertGroups(msg_type, &entry);
+}
+
+} // namespace
+
+extern "C" {
+
+int update_cmi_alertGroups(int msg_type, callHomeAlertGroupEntry_t *entry) {
+    if (entry == nullptr) {
+        return SNMP_ERR_GENERR;
+    }
+    callhome_trace(CALLHOME_TRACE_INFO,
+                   "%s : Sending %s REQ to alertGroupTable for destination_profile_id = %s "
+                   "AlertGroup = %s\n",
+                   __func__, msg_type == SET_REQ ? "SET" : "DELETE", entry->destination_profile_id,
+                   entry->alert_group);
+    entry->request_flag = 0;
+    callHomeAlertGroupEntry_hton(entry);
+    int status = callhome_write(CALLHOME_PROFILE_ALERTGROUP_OPC, msg_type, entry, sizeof *entry,
+                                CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
+    if (status != 0) {
+        callhome_trace(CALLHOME_TRACE_ERROR, "%s : SET failed : %s\n", __func__,
+                       callhome_status_text(status));
+        callhome_log_set_error(status);
+        return to_snmp_error_code(status);
+    }
+    callhome_trace(CALLHOME_TRACE_INFO, "%s : update succeeded\n", __func__);
+    return SNMP_ERR_NOERROR;
+}
+
+/* The service keeps a profile's groups one by one, and a profile with every known type as
+ * the single group "all"; the written bit string is turned into the changes between the two. */
+int set_callhome_alertgroups(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
+                             u_char *, oid *name, size_t name_len) {
+    if (action == RESERVE1) {
+        if (var_val_type != ASN_OCTET_STR) {
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s :write to callHomeAlertGroups not ASN_OCTET_STR \n", __func__);
+            return SNMP_ERR_WRONGTYPE;
+        }
+        if (var_val_len > kAlertGroupValueMax) {
+            callhome_trace(CALLHOME_TRACE_INFO, "%s :write to callHomeAlertGroups bad length\n",
+                           __func__);
+            return SNMP_ERR_WRONGLENGTH;
+        }
+        return SNMP_ERR_NOERROR;
+    }
+    if (action != ACTION) {
+        return SNMP_ERR_NOERROR; /* the change is made in ACTION and is not undone */
+    }
+
+    callhome_oid_copy o;
+    callhome_copy_oid(name, name_len, &o);
+    int status = header_callhome_alertgroups(o.arcs, kAlertGroupPrefixLen, o.arcs, &o.len, 1,
+                                             &mibAlertGroup, 1);
+    if (status != 0) {
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : read from alertGroup Table failed :%s  \n",
+                       __func__, callhome_status_text(status));
+        /* Any other status goes back to the agent as it stands, not as an SNMP status. */
+        return status == CALLHOME_UNKNOWN_ENTRY ? SNMP_ERR_NOSUCHNAME : status;
+    }
+    callhome_trace(CALLHOME_TRACE_INFO, "%s : read from alertGroup Table succeed \n", __func__);
+
+    AlertGroupSet wanted;
+    wanted.size = sizeof wanted.bits;
+    bitset_clear(&wanted);
+    if (var_val != nullptr) {
+        std::memcpy(wanted.bits, var_val, std::min(var_val_len, kAlertGroupValueMax));
+    }
+    const void *old_set = &mibAlertGroup.bitset_size;
+    char profile[sizeof mibAlertGroup.destination_profile_id];
+    callhome_copy_text(profile, mibAlertGroup.destination_profile_id);
+    const uint32_t count = known_type_count();
+
+    if (is_all_alertgroup_types_set(&wanted)) {
+        if (is_all_alertgroup_types_set(old_set)) {
+            callhome_trace(CALLHOME_TRACE_INFO, "%s : I/P is ALL, old value is ALL -- NO CHANGE \n",
+                           __func__);
+            return SNMP_ERR_NOERROR;
+        }
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : I/P is ALL, old value is not ALL \n", __func__);
+        for (uint32_t i = 0; i < count; ++i) {
+            if (bitset_is_bit_set(old_set, alertgroup_types[i].index)) {
+                send_alertgroup(DELETE_REQ, profile, alertgroup_types[i].grp_name);
+            }
+        }
+        send_alertgroup(SET_REQ, profile, "all");
+    } else if (is_all_alertgroup_types_set(old_set)) {
+        if (!is_all_alertgroup_types_reset(&wanted)) {
+            callhome_trace(CALLHOME_TRACE_INFO, "%s :OLD value is ALL -- return Badvalue \n",
+                           __func__);
+            return SNMP_ERR_WRONGVALUE;
+        }
+        send_alertgroup(DELETE_REQ, profile, "all");
+    } else {
+        for (uint32_t i = 0; i < count; ++i) {
+            uint32_t bit = alertgroup_types[i].index;
+            bool was = bitset_is_bit_set(old_set, bit) != 0;
+            bool now = bitset_is_bit_set(&wanted, bit) != 0;
+            if (was && !now) {
+                send_alertgroup(DELETE_REQ, profile, alertgroup_types[i].grp_name);
+            } else if (!was && now) {
+                send_alertgroup(SET_REQ, profile, alertgroup_types[i].grp_name);
+            }
+        }
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+} /* extern "C" */
+
+/* ---- Notifications of added and removed types ------------------------------------------- */
 
 namespace {
 

@@ -1,11 +1,13 @@
-// The request channel to the call-home service: scalar reads, the status mapping and the
-// wire records' defaults, orderings and byte-order conversions.
+// The request channel to the call-home service: the one read and the one write through which
+// every request of the module goes, scalar reads, the status mapping and the wire records'
+// defaults, orderings and byte-order conversions.
 #include "callhome_mib.h"
 
 #include <arpa/inet.h>
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +15,9 @@
 #include <type_traits>
 
 #include "ip_addr.h"
+#include "snmp_ctx.h"
 #include "syserr.h"
+#include "sysmgr.h"
 #include "veld.h"
 
 namespace {
@@ -51,11 +55,8 @@ char error_text_value[256];
 // Asks the service for a scalar record; 0 only when an answer record came back.
 int request_scalar(int opcode, int msg_type, const void *request, uint32_t length,
                    CmiAnswer *answer) {
-    answer->release();
-    answer->length = length;
-    const int status =
-        cmi_req_resp(opcode, msg_type, request, &answer->record, &answer->length, nullptr, 0,
-                     CALLHOME_CLIENT_SCALAR, mts_response_q, kScalarReadWait);
+    const int status = callhome_read(opcode, msg_type, request, length, CALLHOME_CLIENT_SCALAR,
+                                     kScalarReadWait, answer);
     if (status == CALLHOME_SUCCESS && answer->record == nullptr) {
         return -1; // a success without a record is no answer
     }
@@ -91,18 +92,14 @@ u_char *long_result(long value, size_t *var_len, bool four_bytes) {
     return reinterpret_cast<u_char *>(&long_value);
 }
 
-template <size_t N> void terminate(char (&text)[N]) {
-    text[N - 1] = '\0';
-}
-
 u_char *email_conf_value(const CmiAnswer &answer, size_t *var_len, int magic) {
     cmi_email_conf_t &conf = callhome_email_conf;
     answer.copy_to(&conf);
     callHomeEmailConf_ntoh(&conf);
-    terminate(conf.from_email_addr);
-    terminate(conf.reply_to);
-    terminate(conf.return_receipt_addr);
-    terminate(conf.smtp_server);
+    callhome_terminate(conf.from_email_addr);
+    callhome_terminate(conf.reply_to);
+    callhome_terminate(conf.return_receipt_addr);
+    callhome_terminate(conf.smtp_server);
     callhome_trace(CALLHOME_TRACE_INFO,
                    "%s : Revc resp (cmi_email_conf_t): from_email_addr = %s, reply_to = %s, "
                    "return_receipt_addr = %s, smtp_server = %s, address_type = %d, "
@@ -152,8 +149,8 @@ u_char *email_conf_value(const CmiAnswer &answer, size_t *var_len, int magic) {
 u_char *info_value(const CmiAnswer &answer, size_t *var_len, int magic) {
     cmi_callhome_info_t info;
     answer.copy_to(&info);
-    terminate(info.info_name);
-    terminate(info.info_value);
+    callhome_terminate(info.info_name);
+    callhome_terminate(info.info_value);
     callhome_trace(CALLHOME_TRACE_INFO,
                    "%s : Revc resp (cmi_callhome_info_t): info_name = %s, info_value = %s\n",
                    "get_using_cmi", info.info_name, info.info_value);
@@ -194,7 +191,7 @@ u_char *error_message_value(const callhome_status_t &status, size_t *var_len) {
 u_char *status_value(const CmiAnswer &answer, size_t *var_len, int magic) {
     callhome_status_t status;
     answer.copy_to(&status);
-    terminate(status.callhome_error_message);
+    callhome_terminate(status.callhome_error_message);
     const uint32_t sec = ntohl(status.last_alert_sent.tv_sec);
     const uint32_t usec = ntohl(status.last_alert_sent.tv_usec);
     const uint32_t sent = ntohl(status.num_alerts_sent);
@@ -256,6 +253,28 @@ u_char *failed_read_value(int opcode, int msg_type, int status, size_t *var_len,
 }
 
 } // namespace
+
+int callhome_read(int opcode, int msg_type, const void *request, uint32_t length, int client,
+                  int wait, CmiAnswer *answer) {
+    const bool anonymous = client == CALLHOME_CLIENT_SCALAR;
+    answer->release();
+    answer->length = length;
+    return cmi_req_resp(opcode, msg_type, request, &answer->record, &answer->length,
+                        anonymous ? nullptr : get_snmp_username(0),
+                        anonymous ? 0 : get_snmp_sessionid(0), client, mts_response_q, wait);
+}
+
+int callhome_write(int opcode, int msg_type, const void *record, uint32_t length, int client,
+                   int wait) {
+    sysmgr_heartbeat(1);
+    const int status =
+        cmi_req_resp(opcode, msg_type, record, nullptr, &length, get_snmp_username(0),
+                     get_snmp_sessionid(0), client, mts_response_q, wait);
+    const int saved_errno = errno; // the alert action tells a time-out by errno
+    sysmgr_heartbeat(0);
+    errno = saved_errno;
+    return status;
+}
 
 extern "C" {
 

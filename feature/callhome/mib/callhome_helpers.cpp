@@ -1,5 +1,5 @@
 // Helpers shared by every handler of the module: the debug trace, status texts, the error
-// record, the text-index encoding of table OIDs and the table columns' write handlers.
+// record, and the text-index encoding of table OIDs.
 #include "callhome_mib.h"
 
 #include <cstdarg>
@@ -18,25 +18,6 @@ constexpr uint32_t kTraceSubtype = 0x730000;
 struct TraceRecord {
     uint32_t level;
     char text[512];
-};
-
-struct ColumnWriter {
-    int magic;
-    WriteMethod *handler;
-};
-
-// Write handlers of the writable table columns; other magics have none.
-const ColumnWriter kColumnWriters[] = {
-    {CALLHOMEDESTPROFILEMSGFORMAT, set_callHomeDestProfileMsgFormat},
-    {CALLHOMEDESTPROFILEMAXMSGSIZE, set_callHomeDestProfileMaxMsgSize},
-    {CALLHOMEDESTPROFILETRNSPRTMTHD, set_callHomeDestProfileTrnsprtMthd},
-    {CALLHOMEDESTPROFILESTATUS, set_callHomeDestProfileStatus},
-    {CALLHOMEDESTPROFILEMSGLEVEL, set_callHomeDestProfileMsgLevel},
-    {CALLHOMEALERTGROUPS, set_callhome_alertgroups},
-    {CALLHOMEDESTEMAILADDRESS, set_callHomeDestEmailAddress},
-    {CALLHOMEDESTEMAILADDRESSSTATUS, set_callHomeDestEmailAddressStatus},
-    {CALLHOMEUSERDEFCLICMD, set_callHomeUserDefCliCmd},
-    {CALLHOMEUSERDEFCLICMDSTATUS, set_callHomeUserDefCliCmdStatus},
 };
 
 } // namespace
@@ -80,6 +61,58 @@ void callhome_report_error(int status) {
     log_snmp_error(&callhome_snmp_error);
 }
 
+void callhome_log_set_error(int status) {
+    log_set_error(status, 472); /* the platform's code for a failed write to a service */
+}
+
+int callhome_integer_length_ok(size_t len) {
+    return len <= sizeof(int32_t) || len == sizeof(long);
+}
+
+long callhome_integer_value(const u_char *var_val, size_t len) {
+    if (var_val == nullptr) {
+        return 0;
+    }
+    if (len == sizeof(long)) {
+        long v;
+        memcpy(&v, var_val, sizeof v);
+        return v;
+    }
+    int32_t v = 0;
+    memcpy(&v, var_val, len < sizeof v ? len : sizeof v);
+    return v;
+}
+
+size_t callhome_copy_text(char *dst, size_t size, const char *src, size_t src_max) {
+    const size_t n = src == nullptr ? 0 : strnlen(src, src_max < size - 1 ? src_max : size - 1);
+    if (n > 0) {
+        memcpy(dst, src, n);
+    }
+    memset(dst + n, 0, size - n);
+    return n;
+}
+
+size_t callhome_copy_value(char *dst, size_t size, const u_char *var_val, size_t len) {
+    const size_t n = var_val == nullptr ? 0 : (len < size - 1 ? len : size - 1);
+    if (n > 0) {
+        memcpy(dst, var_val, n);
+    }
+    dst[n] = '\0';
+    return n;
+}
+
+void callhome_terminate(char *field, size_t size) {
+    field[size - 1] = '\0';
+}
+
+void callhome_copy_oid(const oid *name, size_t name_len, struct callhome_oid_copy *copy) {
+    memset(copy, 0, sizeof *copy);
+    if (name != nullptr) {
+        copy->len = name_len < MAX_OID_LEN ? name_len : MAX_OID_LEN;
+        memcpy(copy->arcs, name, copy->len * sizeof(oid));
+    }
+}
+
 void oid_to_string(const oid *name, char *out, int start, int count) {
     int i = 0;
     for (; i < count; ++i) {
@@ -91,15 +124,6 @@ void oid_to_string(const oid *name, char *out, int start, int count) {
 void string_to_oid(const char *text, oid *name, int start, int count) {
     for (int i = 0; i < count; ++i) {
         name[start + i] = static_cast<unsigned char>(text[i]);
-    }
-}
-
-void set_table_set_methods(int magic, WriteMethod **write_method) {
-    for (const auto &writer : kColumnWriters) {
-        if (writer.magic == magic) {
-            *write_method = writer.handler;
-            return;
-        }
     }
 }
 

@@ -31,7 +31,6 @@ struct ScalarObject {
     uint32_t length;       // Source::Service: request length
     const char *info_name; // CALLHOME_INFO_OPC: the service's name of the scalar
     long constant;         // Source::Constant
-    WriteMethod *writer;   // null for read-only objects
 };
 
 constexpr uint32_t kInfoLen = sizeof(cmi_callhome_info_t);
@@ -40,52 +39,34 @@ constexpr uint32_t kStatusLen = sizeof(callhome_status_t);
 constexpr uint32_t kSwitchLen = sizeof(callhome_switch_t);
 
 const ScalarObject kScalars[] = {
-    {CALLHOMEENABLE, Source::Service, CALLHOME_ENABLE_OPC, kSwitchLen, nullptr, 0,
-     set_callHomeEnable},
+    {CALLHOMEENABLE, Source::Service, CALLHOME_ENABLE_OPC, kSwitchLen, nullptr, 0},
     {SYSCONTACTPHONENUMBER, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "sysContactPhoneNumber",
-     0, set_sysContactPhoneNumber},
-    {SYSCONTACTEMAILADDRESS, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "sysContactEmail", 0,
-     set_sysContactEmailAddress},
-    {SYSSTREETADDRESS, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "sysStreetAddress", 0,
-     set_sysStreetAddress},
-    {CALLHOMECUSTOMERID, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "custId", 0,
-     set_callHomeCustomerId},
-    {CALLHOMECONTRACTID, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "contractId", 0,
-     set_callHomeContractId},
-    {CALLHOMESITEID, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "siteId", 0, set_callHomeSiteId},
-    {CALLHOMEDEVICESERVICEPRIORITY, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "priority", 0,
-     set_callHomeDeviceServicePriority},
+     0},
+    {SYSCONTACTEMAILADDRESS, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "sysContactEmail", 0},
+    {SYSSTREETADDRESS, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "sysStreetAddress", 0},
+    {CALLHOMECUSTOMERID, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "custId", 0},
+    {CALLHOMECONTRACTID, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "contractId", 0},
+    {CALLHOMESITEID, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "siteId", 0},
+    {CALLHOMEDEVICESERVICEPRIORITY, Source::Service, CALLHOME_INFO_OPC, kInfoLen, "priority", 0},
     // A trigger: it always reads as "no action".
-    {CALLHOMEALERTTEST, Source::Constant, 0, 0, nullptr, 1, set_callHomeAlertAction},
-    {CALLHOMEMESSAGESTATUS, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0, nullptr},
-    {CALLHOMEERRORMESSAGE, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0, nullptr},
-    {CALLHOMEDESTPROFILEMAXCOUNT, Source::Constant, 0, 0, nullptr, CALLHOME_MAX_PROFILES, nullptr},
-    {CALLHOMEEMAILFROM, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0,
-     set_callHomeEmailFrom},
-    {CALLHOMEEMAILREPLYTO, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0,
-     set_callHomeEmailReplyTo},
+    {CALLHOMEALERTTEST, Source::Constant, 0, 0, nullptr, 1},
+    {CALLHOMEMESSAGESTATUS, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0},
+    {CALLHOMEERRORMESSAGE, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0},
+    {CALLHOMEDESTPROFILEMAXCOUNT, Source::Constant, 0, 0, nullptr, CALLHOME_MAX_PROFILES},
+    {CALLHOMEEMAILFROM, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0},
+    {CALLHOMEEMAILREPLYTO, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0},
     {CALLHOMEEMAILMSGDISPNOTIFICATION, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr,
-     0, set_callHomeEmailMsgDispNotification},
-    {CALLHOMESMTPSERVERADDRTYPE, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0,
-     set_callHomeSmtpServerAddrType},
-    {CALLHOMESMTPSERVERADDR, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0,
-     set_callHomeSmtpServerAddr},
-    {CALLHOMESMTPSERVERPORT, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0,
-     set_callHomeSmtpServerPort},
-    {PERIODICSWINVENTORYMSGENABLE, Source::PeriodicInventory, 0, 0, nullptr, 0,
-     set_PeriodicSwInventoryMsgEnable},
-    {PERIODICSWINVENTORYTIMEFRAME, Source::PeriodicInventory, 0, 0, nullptr, 0,
-     set_PeriodicSwInventoryTimeFrame},
-    {MSGTHROTTLINGENABLE, Source::Service, CALLHOME_MSG_THROTTLING_OPC, kSwitchLen, nullptr, 0,
-     set_MsgThrottlingEnable},
-    {CALLHOMEUSERDEFCLICMDMAXCOUNT, Source::Constant, 0, 0, nullptr, CALLHOME_MAX_USER_CMDS,
-     nullptr},
-    {CALLHOMELASTALERTSENTTIME, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0,
-     nullptr},
-    {CALLHOMEALERTSSENTCOUNT, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0,
-     nullptr},
-    {PERIODICSWINVENTORYTIMEOFDAY, Source::PeriodicInventory, 0, 0, nullptr, 0,
-     set_PeriodicSwInventoryTimeOfDay},
+     0},
+    {CALLHOMESMTPSERVERADDRTYPE, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0},
+    {CALLHOMESMTPSERVERADDR, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0},
+    {CALLHOMESMTPSERVERPORT, Source::Service, CALLHOME_EMAIL_CONF_OPC, kEmailLen, nullptr, 0},
+    {PERIODICSWINVENTORYMSGENABLE, Source::PeriodicInventory, 0, 0, nullptr, 0},
+    {PERIODICSWINVENTORYTIMEFRAME, Source::PeriodicInventory, 0, 0, nullptr, 0},
+    {MSGTHROTTLINGENABLE, Source::Service, CALLHOME_MSG_THROTTLING_OPC, kSwitchLen, nullptr, 0},
+    {CALLHOMEUSERDEFCLICMDMAXCOUNT, Source::Constant, 0, 0, nullptr, CALLHOME_MAX_USER_CMDS},
+    {CALLHOMELASTALERTSENTTIME, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0},
+    {CALLHOMEALERTSSENTCOUNT, Source::Service, CALLHOME_STATUS_OPC, kStatusLen, nullptr, 0},
+    {PERIODICSWINVENTORYTIMEOFDAY, Source::PeriodicInventory, 0, 0, nullptr, 0},
 };
 
 const ScalarObject *find_scalar(u_char magic) {
@@ -159,85 +140,53 @@ extern "C" {
 
 oid callhome_mib_variables_oid[CALLHOME_MIB_ROOT_LEN] = {1, 3, 6, 1, 4, 1, 32473, 9, 300};
 
-// The agent walks this table in its order: the time of day, added last, stays last.
-struct variable7 callhome_mib_variables[CALLHOME_MIB_VARIABLE_COUNT] = {
-    {CALLHOMEENABLE, ASN_INTEGER, RW, get_callhome_mib, 3, {1, 1, 1}},
-    {SYSCONTACTPHONENUMBER, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 2}},
-    {SYSCONTACTEMAILADDRESS, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 3}},
-    {SYSSTREETADDRESS, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 4}},
-    {CALLHOMECUSTOMERID, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 5}},
-    {CALLHOMECONTRACTID, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 6}},
-    {CALLHOMESITEID, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 7}},
-    {CALLHOMEDEVICESERVICEPRIORITY, ASN_INTEGER, RW, get_callhome_mib, 3, {1, 1, 8}},
-    {CALLHOMEALERTTEST, ASN_INTEGER, RW, get_callhome_mib, 3, {1, 1, 9}},
-    {CALLHOMEMESSAGESTATUS, ASN_INTEGER, RO, get_callhome_mib, 3, {1, 1, 10}},
-    {CALLHOMEERRORMESSAGE, ASN_OCTET_STR, RO, get_callhome_mib, 3, {1, 1, 11}},
-    {CALLHOMEDESTPROFILEMSGFORMAT,
-     ASN_INTEGER,
-     RW,
-     get_callHomeDestProfileTable,
-     5,
-     {1, 1, 12, 1, 2}},
-    {CALLHOMEDESTPROFILEMAXMSGSIZE,
-     ASN_GAUGE,
-     RW,
-     get_callHomeDestProfileTable,
-     5,
-     {1, 1, 12, 1, 3}},
-    {CALLHOMEDESTPROFILETRNSPRTMTHD,
-     ASN_INTEGER,
-     RW,
-     get_callHomeDestProfileTable,
-     5,
-     {1, 1, 12, 1, 4}},
-    {CALLHOMEDESTPROFILESTATUS, ASN_INTEGER, RW, get_callHomeDestProfileTable, 5, {1, 1, 12, 1, 5}},
-    {CALLHOMEDESTPROFILEMSGLEVEL,
-     ASN_INTEGER,
-     RW,
-     get_callHomeDestProfileTable,
-     5,
-     {1, 1, 12, 1, 6}},
-    {CALLHOMEALERTGROUPS, ASN_OCTET_STR, RW, get_callHomeDestProfileTable, 5, {1, 1, 12, 1, 7}},
-    {CALLHOMEDESTPROFILEMAXCOUNT, ASN_GAUGE, RO, get_callhome_mib, 3, {1, 1, 13}},
-    {CALLHOMEDESTEMAILADDRESS,
-     ASN_OCTET_STR,
-     RW,
-     get_callHomeDestEmailAddressTable,
-     5,
-     {1, 1, 14, 1, 2}},
-    {CALLHOMEDESTEMAILADDRESSSTATUS,
-     ASN_INTEGER,
-     RW,
-     get_callHomeDestEmailAddressTable,
-     5,
-     {1, 1, 14, 1, 3}},
-    {CALLHOMEEMAILFROM, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 15}},
-    {CALLHOMEEMAILREPLYTO, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 16}},
-    {CALLHOMEEMAILMSGDISPNOTIFICATION, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 17}},
-    {CALLHOMESMTPSERVERADDRTYPE, ASN_INTEGER, RW, get_callhome_mib, 3, {1, 1, 18}},
-    {CALLHOMESMTPSERVERADDR, ASN_OCTET_STR, RW, get_callhome_mib, 3, {1, 1, 19}},
-    {CALLHOMESMTPSERVERPORT, ASN_GAUGE, RW, get_callhome_mib, 3, {1, 1, 20}},
-    {CALLHOMEALERTGROUPTYPENAME,
-     ASN_OCTET_STR,
-     RO,
-     get_callHomeAlertGroupTypeTable,
-     5,
-     {1, 1, 25, 1, 2}},
-    {PERIODICSWINVENTORYMSGENABLE, ASN_INTEGER, RW, get_callhome_mib, 3, {1, 1, 27}},
-    {PERIODICSWINVENTORYTIMEFRAME, ASN_GAUGE, RW, get_callhome_mib, 3, {1, 1, 28}},
-    {MSGTHROTTLINGENABLE, ASN_INTEGER, RW, get_callhome_mib, 3, {1, 1, 29}},
-    {CALLHOMEUSERDEFCLICMDMAXCOUNT, ASN_GAUGE, RO, get_callhome_mib, 4, {1, 1, 30, 5}},
-    {CALLHOMEUSERDEFCLICMD, ASN_OCTET_STR, RW, get_callHomeUserDefCmdTable, 6, {1, 1, 30, 6, 1, 2}},
-    {CALLHOMEUSERDEFCLICMDSTATUS,
-     ASN_INTEGER,
-     RW,
-     get_callHomeUserDefCmdTable,
-     6,
-     {1, 1, 30, 6, 1, 3}},
-    {CALLHOMELASTALERTSENTTIME, ASN_TIMETICKS, RO, get_callhome_mib, 3, {1, 2, 1}},
-    {CALLHOMEALERTSSENTCOUNT, ASN_COUNTER, RO, get_callhome_mib, 3, {1, 2, 2}},
-    {PERIODICSWINVENTORYTIMEOFDAY, ASN_OCTET_STR, RW, get_callhome_mib, 4, {1, 1, 33, 1}},
-};
+/* The object table, one row per object: magic, ASN type, access, read handler, write handler
+ * (none for read-only objects), OID below the root. It makes both the table registered with
+ * the agent and the write handlers that the read handlers hand back. The agent walks the rows
+ * in this order: the time of day, added last, stays last. */
+// clang-format off
+#define CALLHOME_OBJECTS(X) \
+    X(CALLHOMEENABLE,                   ASN_INTEGER,   RW, get_callhome_mib,                  set_callHomeEnable,                   3, {1, 1, 1})           \
+    X(SYSCONTACTPHONENUMBER,            ASN_OCTET_STR, RW, get_callhome_mib,                  set_sysContactPhoneNumber,            3, {1, 1, 2})           \
+    X(SYSCONTACTEMAILADDRESS,           ASN_OCTET_STR, RW, get_callhome_mib,                  set_sysContactEmailAddress,           3, {1, 1, 3})           \
+    X(SYSSTREETADDRESS,                 ASN_OCTET_STR, RW, get_callhome_mib,                  set_sysStreetAddress,                 3, {1, 1, 4})           \
+    X(CALLHOMECUSTOMERID,               ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeCustomerId,               3, {1, 1, 5})           \
+    X(CALLHOMECONTRACTID,               ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeContractId,               3, {1, 1, 6})           \
+    X(CALLHOMESITEID,                   ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeSiteId,                   3, {1, 1, 7})           \
+    X(CALLHOMEDEVICESERVICEPRIORITY,    ASN_INTEGER,   RW, get_callhome_mib,                  set_callHomeDeviceServicePriority,    3, {1, 1, 8})           \
+    X(CALLHOMEALERTTEST,                ASN_INTEGER,   RW, get_callhome_mib,                  set_callHomeAlertAction,              3, {1, 1, 9})           \
+    X(CALLHOMEMESSAGESTATUS,            ASN_INTEGER,   RO, get_callhome_mib,                  nullptr,                              3, {1, 1, 10})          \
+    X(CALLHOMEERRORMESSAGE,             ASN_OCTET_STR, RO, get_callhome_mib,                  nullptr,                              3, {1, 1, 11})          \
+    X(CALLHOMEDESTPROFILEMSGFORMAT,     ASN_INTEGER,   RW, get_callHomeDestProfileTable,      set_callHomeDestProfileMsgFormat,     5, {1, 1, 12, 1, 2})    \
+    X(CALLHOMEDESTPROFILEMAXMSGSIZE,    ASN_GAUGE,     RW, get_callHomeDestProfileTable,      set_callHomeDestProfileMaxMsgSize,    5, {1, 1, 12, 1, 3})    \
+    X(CALLHOMEDESTPROFILETRNSPRTMTHD,   ASN_INTEGER,   RW, get_callHomeDestProfileTable,      set_callHomeDestProfileTrnsprtMthd,   5, {1, 1, 12, 1, 4})    \
+    X(CALLHOMEDESTPROFILESTATUS,        ASN_INTEGER,   RW, get_callHomeDestProfileTable,      set_callHomeDestProfileStatus,        5, {1, 1, 12, 1, 5})    \
+    X(CALLHOMEDESTPROFILEMSGLEVEL,      ASN_INTEGER,   RW, get_callHomeDestProfileTable,      set_callHomeDestProfileMsgLevel,      5, {1, 1, 12, 1, 6})    \
+    X(CALLHOMEALERTGROUPS,              ASN_OCTET_STR, RW, get_callHomeDestProfileTable,      set_callhome_alertgroups,             5, {1, 1, 12, 1, 7})    \
+    X(CALLHOMEDESTPROFILEMAXCOUNT,      ASN_GAUGE,     RO, get_callhome_mib,                  nullptr,                              3, {1, 1, 13})          \
+    X(CALLHOMEDESTEMAILADDRESS,         ASN_OCTET_STR, RW, get_callHomeDestEmailAddressTable, set_callHomeDestEmailAddress,         5, {1, 1, 14, 1, 2})    \
+    X(CALLHOMEDESTEMAILADDRESSSTATUS,   ASN_INTEGER,   RW, get_callHomeDestEmailAddressTable, set_callHomeDestEmailAddressStatus,   5, {1, 1, 14, 1, 3})    \
+    X(CALLHOMEEMAILFROM,                ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeEmailFrom,                3, {1, 1, 15})          \
+    X(CALLHOMEEMAILREPLYTO,             ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeEmailReplyTo,             3, {1, 1, 16})          \
+    X(CALLHOMEEMAILMSGDISPNOTIFICATION, ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeEmailMsgDispNotification, 3, {1, 1, 17})          \
+    X(CALLHOMESMTPSERVERADDRTYPE,       ASN_INTEGER,   RW, get_callhome_mib,                  set_callHomeSmtpServerAddrType,       3, {1, 1, 18})          \
+    X(CALLHOMESMTPSERVERADDR,           ASN_OCTET_STR, RW, get_callhome_mib,                  set_callHomeSmtpServerAddr,           3, {1, 1, 19})          \
+    X(CALLHOMESMTPSERVERPORT,           ASN_GAUGE,     RW, get_callhome_mib,                  set_callHomeSmtpServerPort,           3, {1, 1, 20})          \
+    X(CALLHOMEALERTGROUPTYPENAME,       ASN_OCTET_STR, RO, get_callHomeAlertGroupTypeTable,   nullptr,                              5, {1, 1, 25, 1, 2})    \
+    X(PERIODICSWINVENTORYMSGENABLE,     ASN_INTEGER,   RW, get_callhome_mib,                  set_PeriodicSwInventoryMsgEnable,     3, {1, 1, 27})          \
+    X(PERIODICSWINVENTORYTIMEFRAME,     ASN_GAUGE,     RW, get_callhome_mib,                  set_PeriodicSwInventoryTimeFrame,     3, {1, 1, 28})          \
+    X(MSGTHROTTLINGENABLE,              ASN_INTEGER,   RW, get_callhome_mib,                  set_MsgThrottlingEnable,              3, {1, 1, 29})          \
+    X(CALLHOMEUSERDEFCLICMDMAXCOUNT,    ASN_GAUGE,     RO, get_callhome_mib,                  nullptr,                              4, {1, 1, 30, 5})       \
+    X(CALLHOMEUSERDEFCLICMD,            ASN_OCTET_STR, RW, get_callHomeUserDefCmdTable,       set_callHomeUserDefCliCmd,            6, {1, 1, 30, 6, 1, 2}) \
+    X(CALLHOMEUSERDEFCLICMDSTATUS,      ASN_INTEGER,   RW, get_callHomeUserDefCmdTable,       set_callHomeUserDefCliCmdStatus,      6, {1, 1, 30, 6, 1, 3}) \
+    X(CALLHOMELASTALERTSENTTIME,        ASN_TIMETICKS, RO, get_callhome_mib,                  nullptr,                              3, {1, 2, 1})           \
+    X(CALLHOMEALERTSSENTCOUNT,          ASN_COUNTER,   RO, get_callhome_mib,                  nullptr,                              3, {1, 2, 2})           \
+    X(PERIODICSWINVENTORYTIMEOFDAY,     ASN_OCTET_STR, RW, get_callhome_mib,                  set_PeriodicSwInventoryTimeOfDay,     4, {1, 1, 33, 1})
+
+#define CALLHOME_VARIABLE(magic, type, access, read, write, len, ...) {magic, type, access, read, len, __VA_ARGS__},
+struct variable7 callhome_mib_variables[CALLHOME_MIB_VARIABLE_COUNT] = {CALLHOME_OBJECTS(CALLHOME_VARIABLE)};
+#undef CALLHOME_VARIABLE
+// clang-format on
 
 char *HHMM_buf;
 
@@ -249,6 +198,36 @@ indxobj_t *callHomeUserDefCliCmd_list;
 indxobj_t *callHomeUserDefCliCmd_undo_list;
 
 namespace {
+
+struct ObjectWriter {
+    u_char magic;
+    u_char access;
+    FindVarMethod *read;
+    WriteMethod *write;
+};
+
+#define CALLHOME_WRITER(magic, type, access, read, write, len, ...) {magic, access, read, write},
+constexpr ObjectWriter kObjectWriters[] = {CALLHOME_OBJECTS(CALLHOME_WRITER)};
+#undef CALLHOME_WRITER
+
+constexpr bool writable_exactly_with_a_writer() {
+    for (const ObjectWriter &w : kObjectWriters) {
+        if ((w.access == RW) != (w.write != nullptr)) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(writable_exactly_with_a_writer(), "every read-write object has a write handler");
+
+const ObjectWriter *find_object(int magic) {
+    for (const ObjectWriter &w : kObjectWriters) {
+        if (w.magic == magic) {
+            return &w;
+        }
+    }
+    return nullptr;
+}
 
 // net-snmp registers each entry of an object table as a subtree of its own (root + suffix),
 // so unregistering the root alone would leave every entry's handler behind, pointing into an
@@ -317,8 +296,9 @@ u_char *get_callhome_mib(struct variable *vp, oid *name, size_t *length, int exa
         return nullptr;
     }
     // Handed back before the read, so that a SET finds its handler even when the read fails.
-    if (object->writer != nullptr) {
-        *write_method = object->writer;
+    const ObjectWriter *row = find_object(vp->magic);
+    if (row != nullptr && row->write != nullptr) {
+        *write_method = row->write;
     }
     switch (object->source) {
     case Source::Service:
@@ -333,6 +313,14 @@ u_char *get_callhome_mib(struct variable *vp, oid *name, size_t *length, int exa
         return reinterpret_cast<u_char *>(&constant_value);
     }
     return nullptr;
+}
+
+// Table columns only: a scalar's magic leaves the write method as the caller set it.
+void set_table_set_methods(int magic, WriteMethod **write_method) {
+    const ObjectWriter *row = find_object(magic);
+    if (row != nullptr && row->read != get_callhome_mib && row->write != nullptr) {
+        *write_method = row->write;
+    }
 }
 
 char *to_HHMM_string(long minutes) {

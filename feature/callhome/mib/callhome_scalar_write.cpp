@@ -13,13 +13,10 @@
 #include "ip_addr.h"
 #include "snmp_ctx.h"
 #include "syserr.h"
-#include "sysmgr.h"
 
 namespace {
 
-constexpr int kWriteWait = 10;
-constexpr int kAlertActionWait = 2;      // the action runs on; the module does not wait for it
-constexpr int kSetErrorRecordKind = 472; // log_set_error's code for a failed service write
+constexpr int kAlertActionWait = 2; // the action runs on; the module does not wait for it
 constexpr u_char kAsnGauge = ASN_GAUGE;
 
 // Where a handler's complaints about type and length go.
@@ -46,35 +43,6 @@ void complain(Sink sink, const char *message, const char *handler) {
     }
 }
 
-// The agent passes an integer as a long; a 32-bit value is accepted as well.
-bool integer_length_ok(size_t len) {
-    return len <= sizeof(int32_t) || len == sizeof(long);
-}
-
-long integer_value(const u_char *var_val, size_t len) {
-    if (len == sizeof(long)) {
-        long value;
-        memcpy(&value, var_val, sizeof value);
-        return value;
-    }
-    int32_t value = 0;
-    if (var_val != nullptr) {
-        memcpy(&value, var_val, std::min(len, sizeof value));
-    }
-    return value;
-}
-
-// Copies the value as text: up to its first NUL or its length, cut to the buffer.
-template <size_t N> size_t copy_text(char (&out)[N], const u_char *var_val, size_t len) {
-    const size_t n = std::min(len, N - 1);
-    size_t i = 0;
-    for (; i < n && var_val[i] != '\0'; ++i) {
-        out[i] = static_cast<char>(var_val[i]);
-    }
-    out[i] = '\0';
-    return i;
-}
-
 // Type and length checks of an INTEGER-like write; the value checks are the caller's.
 struct IntegerChecks {
     const char *handler;
@@ -89,7 +57,7 @@ int check_integer(const IntegerChecks &checks, u_char var_val_type, size_t var_v
         complain(checks.sink, checks.type_message, checks.handler);
         return SNMP_ERR_WRONGTYPE;
     }
-    if (!integer_length_ok(var_val_len)) {
+    if (!callhome_integer_length_ok(var_val_len)) {
         complain(checks.sink, checks.length_message, checks.handler);
         return SNMP_ERR_WRONGLENGTH;
     }
@@ -251,14 +219,14 @@ int send_info(const char *info_name, const char *value) {
     cmi_callhome_info_t record{};
     snprintf(record.info_name, sizeof record.info_name, "%s", info_name);
     snprintf(record.info_value, sizeof record.info_value, "%s", value);
-    return set_Scalar(CALLHOME_INFO_OPC, sizeof record, &record, kWriteWait);
+    return set_Scalar(CALLHOME_INFO_OPC, sizeof record, &record, CALLHOME_WRITE_WAIT);
 }
 
 // The whole persistent e-mail record goes out: fields not written carry the last read.
 int send_email_conf() {
     cmi_email_conf_t copy = callhome_email_conf;
     callHomeEmailConf_hton(&copy);
-    return set_Scalar(CALLHOME_EMAIL_CONF_OPC, sizeof copy, &copy, kWriteWait);
+    return set_Scalar(CALLHOME_EMAIL_CONF_OPC, sizeof copy, &copy, CALLHOME_WRITE_WAIT);
 }
 
 int write_text(const TextScalar &scalar, int action, const u_char *var_val, u_char var_val_type,
@@ -273,15 +241,14 @@ int write_text(const TextScalar &scalar, int action, const u_char *var_val, u_ch
     }
     if (scalar.record == TextRecord::Info) {
         char value[sizeof(cmi_callhome_info_t::info_value)];
-        copy_text(value, var_val, var_val_len);
+        callhome_copy_text(value, sizeof value, reinterpret_cast<const char *>(var_val),
+                           var_val_len);
         trace_being_set(scalar, value);
         return send_info(scalar.info_name, value);
     }
     // The persistent record keeps the new text even when the SET fails.
     char(&field)[256] = callhome_email_conf.*scalar.email_field;
-    const size_t n = std::min(var_val_len, sizeof field - 1);
-    memcpy(field, var_val, n);
-    field[n] = '\0';
+    callhome_copy_value(field, sizeof field, var_val, var_val_len);
     trace_being_set(scalar, field);
     return send_email_conf();
 }
@@ -296,7 +263,7 @@ int send_switch(int opcode, uint32_t on) {
     callhome_switch_t record{};
     record.value = htonl(on);
     record.reserved = 0;
-    return set_Scalar(opcode, sizeof record, &record, kWriteWait);
+    return set_Scalar(opcode, sizeof record, &record, CALLHOME_WRITE_WAIT);
 }
 
 /* ---- Periodic inventory: the record is sent whole, so the kept fields are read first. -- */
@@ -330,7 +297,7 @@ int send_periodic_inventory(const PeriodicFields &fields) {
     record.time_frame = htonl(fields.time_frame);
     record.reserved = 0;
     record.time_of_day = htonl(fields.time_of_day);
-    return set_Scalar(CALLHOME_PERIODIC_INVENTORY_OPC, sizeof record, &record, kWriteWait);
+    return set_Scalar(CALLHOME_PERIODIC_INVENTORY_OPC, sizeof record, &record, CALLHOME_WRITE_WAIT);
 }
 
 // "HH:MM" into minutes after midnight; false (traced) for a bad format or range.
@@ -370,21 +337,14 @@ int set_Scalar(int opcode, uint32_t length, void *data, int wait) {
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Setting opcode = %d, data = %s\n", "set_Scalar",
                    opcode, preview);
 
-    sysmgr_heartbeat(1);
-    const char *user = get_snmp_username(0);
-    const uint32_t session = get_snmp_sessionid(0);
-    const int status = cmi_req_resp(opcode, SET_REQ, data, nullptr, &length, user, session,
-                                    CALLHOME_CLIENT_SCALAR, mts_response_q, wait);
-    const int saved_errno = errno; // the alert action tells a time-out by errno
-    sysmgr_heartbeat(0);
+    const int status = callhome_write(opcode, SET_REQ, data, length, CALLHOME_CLIENT_SCALAR, wait);
 
     if (status == CALLHOME_SUCCESS) {
         callhome_trace(CALLHOME_TRACE_INFO, "%s : SET succeeded\n", "set_Scalar");
         return SNMP_ERR_NOERROR;
     }
     if (opcode == CALLHOME_ALERT_ACTION_OPC) {
-        errno = saved_errno;
-        return status; // mapped by the alert action's handler
+        return status; // mapped by the alert action's handler, which reads errno too
     }
     if (status == CALLHOME_ERR_INVALID_INPUT) {
         // The service's own text tells the manager what it refused.
@@ -393,17 +353,13 @@ int set_Scalar(int opcode, uint32_t length, void *data, int wait) {
     }
     callhome_trace(CALLHOME_TRACE_ERROR, "%s : SET failed : %s\n", "set_Scalar",
                    callhome_status_text(status));
-    log_set_error(status, kSetErrorRecordKind);
+    callhome_log_set_error(status);
     return to_snmp_error_code(status);
 }
 
 int setTableObjects(int opcode, void *data, uint32_t length) {
-    sysmgr_heartbeat(1);
-    const char *user = get_snmp_username(0);
-    const uint32_t session = get_snmp_sessionid(0);
-    const int status = cmi_req_resp(opcode, SET_REQ, data, nullptr, &length, user, session,
-                                    CALLHOME_CLIENT_TABLE, mts_response_q, kWriteWait);
-    sysmgr_heartbeat(0);
+    const int status =
+        callhome_write(opcode, SET_REQ, data, length, CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
 
     if (status == CALLHOME_SUCCESS) {
         callhome_trace(CALLHOME_TRACE_INFO, "%s : SET succeeded\n", "setTableObjects");
@@ -411,7 +367,7 @@ int setTableObjects(int opcode, void *data, uint32_t length) {
     }
     callhome_trace(CALLHOME_TRACE_ERROR, "%s : SET failed : %s\n", "setTableObjects",
                    callhome_status_text(status));
-    log_set_error(status, kSetErrorRecordKind);
+    callhome_log_set_error(status);
     return to_snmp_error_code(status);
 }
 
@@ -474,13 +430,13 @@ int set_callHomeEnable(int action, u_char *var_val, u_char var_val_type, size_t 
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        return is_truth_value(integer_value(var_val, var_val_len)) ? SNMP_ERR_NOERROR
-                                                                   : SNMP_ERR_WRONGVALUE;
+        return is_truth_value(callhome_integer_value(var_val, var_val_len)) ? SNMP_ERR_NOERROR
+                                                                            : SNMP_ERR_WRONGVALUE;
     }
     if (action != ACTION) {
         return SNMP_ERR_NOERROR;
     }
-    const uint32_t on = integer_value(var_val, var_val_len) == 1 ? 1 : 0;
+    const uint32_t on = callhome_integer_value(var_val, var_val_len) == 1 ? 1 : 0;
     callhome_trace(CALLHOME_TRACE_INFO, "%s : CallhomeEnable being set to %d\n", kChecks.handler,
                    static_cast<int>(on));
     return send_switch(CALLHOME_ENABLE_OPC, on);
@@ -496,7 +452,7 @@ int set_MsgThrottlingEnable(int action, u_char *var_val, u_char var_val_type, si
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        if (!is_truth_value(integer_value(var_val, var_val_len))) {
+        if (!is_truth_value(callhome_integer_value(var_val, var_val_len))) {
             callhome_trace(CALLHOME_TRACE_INFO, "%s : Wrong value ( shd be true/false) \n",
                            kChecks.handler);
             return SNMP_ERR_WRONGVALUE;
@@ -506,7 +462,7 @@ int set_MsgThrottlingEnable(int action, u_char *var_val, u_char var_val_type, si
     if (action != ACTION) {
         return SNMP_ERR_NOERROR;
     }
-    const uint32_t on = integer_value(var_val, var_val_len) == 1 ? 1 : 0;
+    const uint32_t on = callhome_integer_value(var_val, var_val_len) == 1 ? 1 : 0;
     callhome_trace(CALLHOME_TRACE_INFO, "%s : MsgThrottlingEnable being set to %d\n",
                    kChecks.handler, static_cast<int>(on));
     return send_switch(CALLHOME_MSG_THROTTLING_OPC, on);
@@ -523,7 +479,7 @@ int set_callHomeDeviceServicePriority(int action, u_char *var_val, u_char var_va
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        const long value = integer_value(var_val, var_val_len);
+        const long value = callhome_integer_value(var_val, var_val_len);
         return value >= 1 && value <= 8 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
     }
     if (action != ACTION) {
@@ -531,7 +487,8 @@ int set_callHomeDeviceServicePriority(int action, u_char *var_val, u_char var_va
     }
     // The service counts priorities from 0.
     char text[16];
-    snprintf(text, sizeof text, "%d", static_cast<int>(integer_value(var_val, var_val_len) - 1));
+    snprintf(text, sizeof text, "%d",
+             static_cast<int>(callhome_integer_value(var_val, var_val_len) - 1));
     callhome_trace(CALLHOME_TRACE_INFO, "%s : switchPriority  being set to %s\n", kChecks.handler,
                    text);
     return send_info("priority", text);
@@ -549,13 +506,13 @@ int set_callHomeAlertAction(int action, u_char *var_val, u_char var_val_type, si
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        const long value = integer_value(var_val, var_val_len);
+        const long value = callhome_integer_value(var_val, var_val_len);
         return value >= 1 && value <= 3 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
     }
     if (action != ACTION) {
         return SNMP_ERR_NOERROR;
     }
-    const long value = integer_value(var_val, var_val_len);
+    const long value = callhome_integer_value(var_val, var_val_len);
     if (value < 2 || value > 3) {
         return SNMP_ERR_NOERROR;
     }
@@ -569,7 +526,7 @@ int set_callHomeAlertAction(int action, u_char *var_val, u_char var_val_type, si
     if (result == -1 && errno == ETIME) {
         return SNMP_ERR_NOERROR; // the wait ran out; the service carries on with the action
     }
-    log_set_error(result, kSetErrorRecordKind);
+    callhome_log_set_error(result);
     return to_snmp_error_code(result);
 }
 
@@ -587,7 +544,7 @@ int set_callHomeSmtpServerAddrType(int action, u_char *var_val, u_char var_val_t
     // The type is stored in RESERVE1, RESERVE2 and ACTION: the read before each variable of
     // the request refreshes the persistent record, and the address is checked against the
     // type in RESERVE2 whichever order the two variables come in.
-    const auto type = static_cast<uint32_t>(integer_value(var_val, var_val_len));
+    const auto type = static_cast<uint32_t>(callhome_integer_value(var_val, var_val_len));
     switch (action) {
     case RESERVE1: {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
@@ -656,18 +613,14 @@ int set_callHomeSmtpServerAddr(int action, u_char *var_val, u_char var_val_type,
         if (ip_addr_to_str(&address, text, sizeof text) != 0) {
             return SNMP_ERR_WRONGVALUE;
         }
-        const size_t n = strnlen(text, sizeof server - 1);
-        memcpy(server, text, n);
-        server[n] = '\0';
+        callhome_copy_text(server, text);
         break;
     }
     case CALLHOME_ADDR_DNS: {
         if (var_val_len > 256) {
             return SNMP_ERR_WRONGVALUE;
         }
-        const size_t n = std::min(var_val_len, sizeof server - 1);
-        memcpy(server, var_val, n);
-        server[n] = '\0';
+        callhome_copy_value(server, sizeof server, var_val, var_val_len);
         break;
     }
     default:
@@ -688,14 +641,14 @@ int set_callHomeSmtpServerPort(int action, u_char *var_val, u_char var_val_type,
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        const long port = integer_value(var_val, var_val_len);
+        const long port = callhome_integer_value(var_val, var_val_len);
         return port >= 1 && port <= 65535 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
     }
     if (action != ACTION) {
         return SNMP_ERR_NOERROR;
     }
     callhome_email_conf.smtp_server_port =
-        static_cast<uint32_t>(integer_value(var_val, var_val_len));
+        static_cast<uint32_t>(callhome_integer_value(var_val, var_val_len));
     callhome_trace(CALLHOME_TRACE_INFO, "%s : SMTP port  being set to %d\n", kChecks.handler,
                    static_cast<int>(callhome_email_conf.smtp_server_port));
     return send_email_conf();
@@ -713,7 +666,7 @@ int set_PeriodicSwInventoryMsgEnable(int action, u_char *var_val, u_char var_val
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        if (!is_truth_value(integer_value(var_val, var_val_len))) {
+        if (!is_truth_value(callhome_integer_value(var_val, var_val_len))) {
             callhome_trace(CALLHOME_TRACE_INFO, "%s : Wrong value ( shd be true/false) \n",
                            kChecks.handler);
             return SNMP_ERR_WRONGVALUE;
@@ -724,7 +677,7 @@ int set_PeriodicSwInventoryMsgEnable(int action, u_char *var_val, u_char var_val
         return SNMP_ERR_NOERROR;
     }
     PeriodicFields fields{};
-    fields.enable = integer_value(var_val, var_val_len) == 1 ? 1 : 0;
+    fields.enable = callhome_integer_value(var_val, var_val_len) == 1 ? 1 : 0;
     callhome_trace(CALLHOME_TRACE_INFO, "%s : PeriodicSwInventoryMsgEnable being set to %d\n",
                    kChecks.handler, static_cast<int>(fields.enable));
     read_kept_field(&fields, PERIODICSWINVENTORYTIMEFRAME);
@@ -742,7 +695,7 @@ int set_PeriodicSwInventoryTimeFrame(int action, u_char *var_val, u_char var_val
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
-        const long days = integer_value(var_val, var_val_len);
+        const long days = callhome_integer_value(var_val, var_val_len);
         if (days < 1 || days > 30) {
             callhome_trace(CALLHOME_TRACE_INFO, "%s : Wrong value ( shd be 1 ...30) \n",
                            kChecks.handler);
@@ -754,7 +707,7 @@ int set_PeriodicSwInventoryTimeFrame(int action, u_char *var_val, u_char var_val
         return SNMP_ERR_NOERROR;
     }
     PeriodicFields fields{};
-    fields.time_frame = static_cast<uint32_t>(integer_value(var_val, var_val_len));
+    fields.time_frame = static_cast<uint32_t>(callhome_integer_value(var_val, var_val_len));
     callhome_trace(CALLHOME_TRACE_INFO, "%s : PeriodicSwInventoryTimeFrame being set to %d\n",
                    kChecks.handler, static_cast<int>(fields.time_frame));
     read_kept_field(&fields, PERIODICSWINVENTORYMSGENABLE);
@@ -766,7 +719,7 @@ int set_PeriodicSwInventoryTimeOfDay(int action, u_char *var_val, u_char var_val
                                      size_t var_val_len, u_char *, oid *, size_t) {
     static const char *const kHandler = "set_PeriodicSwInventoryTimeOfDay";
     char shown[256];
-    copy_text(shown, var_val, var_val_len);
+    callhome_copy_text(shown, sizeof shown, reinterpret_cast<const char *>(var_val), var_val_len);
     callhome_trace(CALLHOME_TRACE_INFO,
                    "%s : in set_PeriodicSwInventoryTimeOfDay function and the string is: %s \n",
                    kHandler, shown);
@@ -791,7 +744,7 @@ int set_PeriodicSwInventoryTimeOfDay(int action, u_char *var_val, u_char var_val
     // Format and range are checked here, not in RESERVE1.
     callhome_trace(CALLHOME_TRACE_INFO, "%s : IN ACTION SWITCH CASE \n", kHandler);
     char text[16] = {};
-    copy_text(text, var_val, var_val_len);
+    callhome_copy_text(text, sizeof text, reinterpret_cast<const char *>(var_val), var_val_len);
     PeriodicFields fields{};
     if (!parse_time_of_day(kHandler, text, &fields.time_of_day)) {
         return SNMP_ERR_WRONGVALUE;

@@ -44,28 +44,14 @@ u_char profile_alertgroups[8];
 
 int table_request(int opcode, int msg_type, const void *request, uint32_t length,
                   CmiAnswer &answer) {
-    answer.release();
-    answer.length = length;
-    return cmi_req_resp(opcode, msg_type, request, &answer.record, &answer.length,
-                        get_snmp_username(0), get_snmp_sessionid(0), CALLHOME_CLIENT_TABLE,
-                        mts_response_q, kReadWait);
+    return callhome_read(opcode, msg_type, request, length, CALLHOME_CLIENT_TABLE, kReadWait,
+                         &answer);
 }
 
 /* Copies the answer over `size` bytes of dst and frees it. */
 void take_answer(void *dst, size_t size, CmiAnswer &answer) {
     answer.copy_to(dst, size);
     answer.release();
-}
-
-/* The service is another process: never trust its text fields to be terminated. */
-template <size_t N> void terminate(char (&field)[N]) {
-    field[N - 1] = '\0';
-}
-
-template <size_t N> void copy_text(char (&dst)[N], const char *src) {
-    const size_t n = strnlen(src, N - 1);
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
 }
 
 const char *type_text(int msg_type) {
@@ -259,7 +245,7 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
     if (status == 0 && answer.record != nullptr) {
         take_answer(entry, sizeof *entry, answer);
         callHomeDestProfileEntry_ntoh(entry);
-        terminate(entry->destination_profile_id);
+        callhome_terminate(entry->destination_profile_id);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd rsp for %s req : destination_profile_id = %s, transport_method "
                        "= %d, format_method = %d, maximum_message_size = %d row_status = %d\n",
@@ -427,8 +413,8 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
     if (status == 0 && answer.record != nullptr) {
         take_answer(entry, sizeof *entry, answer);
         callHomeDestEmailAddressEntry_ntoh(entry);
-        terminate(entry->destination_profile_id);
-        terminate(entry->email_addr);
+        callhome_terminate(entry->destination_profile_id);
+        callhome_terminate(entry->email_addr);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd  resp for %s req : destination_profile_id = %s, index = %d "
                        "email_addr = %s, row_status = %d\n",
@@ -530,12 +516,12 @@ int get_callhome_alertgroups_instance(oid *vp_name, size_t vp_namelen, oid *name
     if (status == 0 && answer.record != nullptr) {
         take_answer(&profile, sizeof profile, answer);
         callHomeDestProfileEntry_ntoh(&profile);
-        terminate(profile.destination_profile_id);
+        callhome_terminate(profile.destination_profile_id);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd GET/GETNEXT  rsp form DestProfileTable : destination_profile_id "
                        "= %s\n",
                        __func__, profile.destination_profile_id);
-        copy_text(record->destination_profile_id, profile.destination_profile_id);
+        callhome_copy_text(record->destination_profile_id, profile.destination_profile_id);
         return 0;
     }
 
@@ -566,7 +552,7 @@ int header_callhome_alertgroups(oid *vp_name, size_t vp_namelen, oid *name, size
     /* The service keeps one row per (profile, group): walk them one by one. */
     int msg_type = membership_read_type(__func__, 0, get_for_set, dist);
 
-    copy_text(summary->destination_profile_id, record.destination_profile_id);
+    callhome_copy_text(summary->destination_profile_id, record.destination_profile_id);
     summary->bitset_size = sizeof summary->bitset;
     bitset_clear(&summary->bitset_size);
     record.word = 0;
@@ -607,8 +593,8 @@ int header_callhome_alertgroups(oid *vp_name, size_t vp_namelen, oid *name, size
         callHomeAlertGroupEntry_t next;
         take_answer(&next, sizeof next, answer);
         callHomeAlertGroupEntry_ntoh(&next);
-        terminate(next.destination_profile_id);
-        terminate(next.alert_group);
+        callhome_terminate(next.destination_profile_id);
+        callhome_terminate(next.alert_group);
         if (record.destination_profile_id[0] != '\0' &&
             std::strcmp(next.destination_profile_id, record.destination_profile_id) != 0) {
             /* Another profile's row: this profile's groups are all gathered. */
@@ -680,7 +666,7 @@ int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, si
     if (status == 0 && answer.record != nullptr) {
         take_answer(record, sizeof *record, answer);
         callhome_alertgroup_type_ntoh(record);
-        terminate(record->grp_name);
+        callhome_terminate(record->grp_name);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd  resp for %s req : index = %d, grp_name = %s \n", __func__,
                        "GETNEXT", static_cast<int>(record->index), record->grp_name);
@@ -764,12 +750,12 @@ int get_callHomeUserDefCliCmd_instance(oid *vp_name, size_t vp_namelen, oid *nam
     if (status == 0 && answer.record != nullptr) {
         take_answer(&type, sizeof type, answer);
         callhome_alertgroup_type_ntoh(&type);
-        terminate(type.grp_name);
+        callhome_terminate(type.grp_name);
         row->alertgroup_type = static_cast<int32_t>(type.index);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "Revd resp for alertgroup type GET Req: index = %d, grp_name = %s \n",
                        static_cast<int>(type.index), type.grp_name);
-        copy_text(row->alertgroup_name, type.grp_name);
+        callhome_copy_text(row->alertgroup_name, type.grp_name);
         return 0;
     }
 
@@ -802,7 +788,7 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
                    __func__, type_text(msg_type), row->alertgroup_name, row->index);
 
     request.index = row->index;
-    copy_text(request.alertgroup_type, row->alertgroup_name);
+    callhome_copy_text(request.alertgroup_type, row->alertgroup_name);
     request.request_flag = 0;
     cmi_userdef_cli_cmd_hton(&request);
     CmiAnswer answer;
@@ -813,14 +799,14 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
     if (found) {
         take_answer(&request, sizeof request, answer);
         cmi_userdef_cli_cmd_ntoh(&request);
-        terminate(request.alertgroup_type);
-        terminate(request.cli_cmd);
+        callhome_terminate(request.alertgroup_type);
+        callhome_terminate(request.cli_cmd);
         callhome_trace(
             CALLHOME_TRACE_INFO,
             "%s : Revd rsp for %s req alertgroup_type = %s, cli_cmd = %s, row_status = %d",
             __func__, type_text(msg_type), request.alertgroup_type, request.cli_cmd,
             request.row_status);
-        copy_text(row->cli_cmd, request.cli_cmd);
+        callhome_copy_text(row->cli_cmd, request.cli_cmd);
         row->row_status = request.row_status;
         row->index = request.index;
         if (!exact && std::strcmp(request.alertgroup_type, row->alertgroup_name) != 0) {
@@ -829,7 +815,7 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
             const int type_index = get_alertgroup_type_index(0, request.alertgroup_type);
             if (type_index != -1) {
                 row->alertgroup_type = type_index;
-                copy_text(row->alertgroup_name, request.alertgroup_type);
+                callhome_copy_text(row->alertgroup_name, request.alertgroup_type);
             }
         }
     } else {

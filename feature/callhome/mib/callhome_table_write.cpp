@@ -21,7 +21,6 @@
 #include "bitset.h"
 #include "snmp_ctx.h"
 #include "syserr.h"
-#include "sysmgr.h"
 
 namespace {
 
@@ -31,67 +30,9 @@ constexpr size_t kProfilePrefixLen = 14;
 constexpr size_t kEmailPrefixLen = 14;
 constexpr size_t kUserCmdPrefixLen = 15;
 
-/* The agent hands INTEGER and Gauge32 values over as a C long; a 32-bit value is accepted as
- * well. */
-bool integer_length_ok(size_t len) {
-    return len <= sizeof(int32_t) || len == sizeof(long);
-}
-
-constexpr int kWriteWait = 10;
-constexpr int kSetErrorCode = 472;
-
 constexpr uint32_t kMaxMessageSizeLimit = 1000000;
 constexpr uint32_t kDefaultFullMessageSize = 500000; /* formats 1 and 2 */
 constexpr uint32_t kDefaultShortMessageSize = 4000;  /* format 3 */
-
-/* The value of an INTEGER or Gauge32 varbind, read without looking past var_val_len. */
-long integer_value(const u_char *var_val, size_t var_val_len) {
-    if (var_val == nullptr) {
-        return 0;
-    }
-    if (var_val_len == sizeof(long)) {
-        long v;
-        std::memcpy(&v, var_val, sizeof v);
-        return v;
-    }
-    int32_t v = 0;
-    std::memcpy(&v, var_val, std::min(var_val_len, sizeof v));
-    return v;
-}
-
-/* A private copy of a variable's OID: the header functions rewrite the OID they are given,
- * and the agent's copy must stay as it is. */
-struct OidCopy {
-    oid arcs[MAX_OID_LEN];
-    size_t len;
-};
-
-OidCopy copy_oid(const oid *name, size_t name_len) {
-    OidCopy copy{};
-    copy.len = std::min<size_t>(name_len, MAX_OID_LEN);
-    if (name != nullptr) {
-        std::memcpy(copy.arcs, name, copy.len * sizeof(oid));
-    } else {
-        copy.len = 0;
-    }
-    return copy;
-}
-
-/* Copies NUL-terminated text into a fixed field, cut to fit. */
-template <size_t N, size_t M> void copy_text(char (&dst)[N], const char (&src)[M]) {
-    size_t n = strnlen(src, std::min(N - 1, M));
-    std::memcpy(dst, src, n);
-    std::memset(dst + n, 0, N - n);
-}
-
-/* Copies the raw bytes of an OCTET STRING value into a fixed text field and terminates them. */
-template <size_t N> void copy_value(char (&dst)[N], const u_char *var_val, size_t var_val_len) {
-    size_t n = var_val == nullptr ? 0 : std::min(var_val_len, N - 1);
-    if (n > 0) {
-        std::memcpy(dst, var_val, n);
-    }
-    dst[n] = '\0';
-}
 
 /* A trace whose only argument is the handler's name; a null text means "no trace here". */
 void note(const char *text, const char *fn, int level = CALLHOME_TRACE_INFO) {
@@ -107,16 +48,6 @@ bool has_edge_space(const char *text, size_t len) {
 bool is_builtin_profile(const char *name) {
     return std::strcmp(name, "xml") == 0 || std::strcmp(name, "full_txt") == 0 ||
            std::strcmp(name, "short_txt") == 0;
-}
-
-/* One SET or DELETE to the service, bracketed for the process monitor. */
-int send_write(int opcode, int msg_type, void *record, uint32_t length) {
-    sysmgr_heartbeat(1);
-    int status =
-        cmi_req_resp(opcode, msg_type, record, nullptr, &length, get_snmp_username(0),
-                     get_snmp_sessionid(0), CALLHOME_CLIENT_TABLE, mts_response_q, kWriteWait);
-    sysmgr_heartbeat(0);
-    return status;
 }
 
 const char *msg_type_text(int msg_type) {
@@ -147,12 +78,14 @@ template <class Row> bool add_row(indxobj_t *list, Row *row) {
 using ProfileRow = callHomeDestProfileEntry_t;
 
 int parse_profile(const oid *name, size_t name_len, ProfileRow *row) {
-    OidCopy o = copy_oid(name, name_len);
+    callhome_oid_copy o;
+    callhome_copy_oid(name, name_len, &o);
     return get_callHomeDestProfileEntry_instance(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row);
 }
 
 int read_profile(const oid *name, size_t name_len, ProfileRow *row) {
-    OidCopy o = copy_oid(name, name_len);
+    callhome_oid_copy o;
+    callhome_copy_oid(name, name_len, &o);
     int status =
         header_callHomeDestProfileEntry(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row, 1);
     row->destination_profile_id[sizeof row->destination_profile_id - 1] = '\0';
@@ -289,12 +222,13 @@ struct ProfileTable {
         note("%s : ACTION -- sending SET REQ \n", fn);
         row.request_flag = 0;
         callHomeDestProfileEntry_hton(&row);
-        int status = send_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row);
+        int status = callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row,
+                                    CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
         if (status == 0) {
             return SNMP_ERR_NOERROR;
         }
         note("%s : ACTION -- SET REQ failed \n", fn);
-        log_set_error(status, kSetErrorCode);
+        callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
     /* The service's answer is of no use here: UNDO can't fail. */
@@ -304,7 +238,8 @@ struct ProfileTable {
         bool named = row.destination_profile_id[0] != '\0';
         callHomeDestProfileEntry_hton(&row);
         if (named) {
-            send_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row);
+            callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row,
+                           CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
         }
     }
 };
@@ -324,12 +259,14 @@ struct EmailTable {
     static indxobj_t *undo_list() { return callHomeDestEmailAddressEntry_undo_list; }
     static const Row &current() { return callHomeDestEmailAddressEntry; }
     static int parse(const oid *name, size_t name_len, Row *row) {
-        OidCopy o = copy_oid(name, name_len);
+        callhome_oid_copy o;
+        callhome_copy_oid(name, name_len, &o);
         return get_callHomeDestEmailAddressEntry_instance(o.arcs, kEmailPrefixLen, o.arcs, &o.len,
                                                           1, row);
     }
     static int read_for_set(const oid *name, size_t name_len, Row *row) {
-        OidCopy o = copy_oid(name, name_len);
+        callhome_oid_copy o;
+        callhome_copy_oid(name, name_len, &o);
         int status = header_callHomeDestEmailAddressEntry(o.arcs, kEmailPrefixLen, o.arcs, &o.len,
                                                           1, row, 1);
         terminate(*row);
@@ -406,7 +343,7 @@ struct EmailTable {
     static int check_destroy(const char *, const oid *, size_t) { return SNMP_ERR_NOERROR; }
 
     static int read_failed(const char *, int status) {
-        log_set_error(status, kSetErrorCode);
+        callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
     static void trace_retrieved(const char *fn, const Row &row) {
@@ -437,7 +374,8 @@ struct EmailTable {
         int index = row.index;
         row.commit_flag = 0;
         callHomeDestEmailAddressEntry_hton(&row);
-        int status = send_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row);
+        int status = callhome_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row,
+                                    CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
         if (status == 0) {
             callhome_trace(CALLHOME_TRACE_INFO,
                            "%s :  req %s with : destination_profile_id = %s, index = %d "
@@ -448,7 +386,7 @@ struct EmailTable {
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s :  req %s with : destination_profile_id = %s, index = %d failed : %s \n",
                        fn, what, row.destination_profile_id, index, callhome_status_text(status));
-        log_set_error(status, kSetErrorCode);
+        callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
     static void send_undo(const char *fn, int msg_type, Row row, const Row &) {
@@ -463,7 +401,8 @@ struct EmailTable {
         }
         row.commit_flag = 0;
         callHomeDestEmailAddressEntry_hton(&row);
-        int status = send_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row);
+        int status = callhome_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row,
+                                    CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
         if (status != 0) {
             callhome_trace(CALLHOME_TRACE_INFO,
                            "%s :  req %s for UNDO : destination_profile_id = %s, index = %d "
@@ -484,12 +423,14 @@ struct UserCmdTable {
     static indxobj_t *undo_list() { return callHomeUserDefCliCmd_undo_list; }
     static const Row &current() { return callHomeUserDefCliCmdEntry; }
     static int parse(const oid *name, size_t name_len, Row *row) {
-        OidCopy o = copy_oid(name, name_len);
+        callhome_oid_copy o;
+        callhome_copy_oid(name, name_len, &o);
         return get_callHomeUserDefCliCmd_instance(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1,
                                                   row);
     }
     static int read_for_set(const oid *name, size_t name_len, Row *row) {
-        OidCopy o = copy_oid(name, name_len);
+        callhome_oid_copy o;
+        callhome_copy_oid(name, name_len, &o);
         int status =
             header_callHomeUserDefCliCmdEntry(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1, row, 1);
         terminate(*row);
@@ -598,12 +539,13 @@ struct UserCmdTable {
         cmi_userdef_cli_cmd_t request;
         std::memset(&request, 0, sizeof request);
         request.index = index;
-        copy_text(request.alertgroup_type, row.alertgroup_name);
+        callhome_copy_text(request.alertgroup_type, row.alertgroup_name);
         request.row_status = row.row_status;
-        copy_text(request.cli_cmd, row.cli_cmd);
+        callhome_copy_text(request.cli_cmd, row.cli_cmd);
         request.request_flag = 0;
         cmi_userdef_cli_cmd_hton(&request);
-        return send_write(CALLHOME_USER_DEF_CMD_OPC, msg_type, &request, sizeof request);
+        return callhome_write(CALLHOME_USER_DEF_CMD_OPC, msg_type, &request, sizeof request,
+                              CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
     }
     static int send_action(const char *fn, int msg_type, Row row) {
         note("%s : ACTION - sending SET/delete REQ \n", fn);
@@ -613,7 +555,7 @@ struct UserCmdTable {
             return SNMP_ERR_NOERROR;
         }
         note("%s : ACTION -- SET/Delete REQ failed \n", fn);
-        log_set_error(status, kSetErrorCode);
+        callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
     static void send_undo(const char *fn, int msg_type, Row row, const Row &key) {
@@ -679,13 +621,13 @@ int row_status_reserve1(const char *fn, const u_char *var_val, u_char var_val_ty
         note(T::kWrongType, fn, T::kCheckLevel);
         return SNMP_ERR_WRONGTYPE;
     }
-    if (!integer_length_ok(var_val_len)) {
+    if (!callhome_integer_length_ok(var_val_len)) {
         note(T::kWrongLength, fn, T::kCheckLevel);
         return SNMP_ERR_WRONGLENGTH;
     }
     /* Rows are only ever created whole: createAndWait and the states it leads to are
      * refused. */
-    long value = integer_value(var_val, var_val_len);
+    long value = callhome_integer_value(var_val, var_val_len);
     if (value != RS_ACTIVE && value != RS_CREATEANDGO && value != RS_DESTROY) {
         note(T::kBadValue, fn);
         return SNMP_ERR_INCONSISTENTVALUE;
@@ -809,7 +751,7 @@ int row_status_write(const char *fn, int action, u_char *var_val, u_char var_val
         return SNMP_ERR_NOERROR;
     }
     note(T::phase_text(action), fn);
-    long value = integer_value(var_val, var_val_len);
+    long value = callhome_integer_value(var_val, var_val_len);
     switch (action) {
     case RESERVE1:
         return row_status_reserve1<T>(fn, var_val, var_val_type, var_val_len, statP, name,
@@ -861,11 +803,11 @@ int profile_column_reserve1(const ProfileColumn &c, const char *fn, const u_char
         note(c.wrong_type, fn);
         return SNMP_ERR_WRONGTYPE;
     }
-    if (!integer_length_ok(var_val_len)) {
+    if (!callhome_integer_length_ok(var_val_len)) {
         note(c.bad_length, fn);
         return SNMP_ERR_WRONGLENGTH;
     }
-    long value = integer_value(var_val, var_val_len);
+    long value = callhome_integer_value(var_val, var_val_len);
     if (c.asn_type == ASN_UNSIGNED) {
         value = static_cast<long>(static_cast<u_long>(value) & 0xFFFFFFFFUL);
     }
@@ -939,9 +881,11 @@ int profile_column_write(const ProfileColumn &c, const char *fn, int action, u_c
     case RESERVE1:
         return profile_column_reserve1(c, fn, var_val, var_val_type, var_val_len, name, name_len);
     case RESERVE2:
-        return profile_column_reserve2(c, fn, integer_value(var_val, var_val_len), name, name_len);
+        return profile_column_reserve2(c, fn, callhome_integer_value(var_val, var_val_len), name,
+                                       name_len);
     case ACTION:
-        return profile_column_action(c, fn, integer_value(var_val, var_val_len), name, name_len);
+        return profile_column_action(c, fn, callhome_integer_value(var_val, var_val_len), name,
+                                     name_len);
     default:
         return SNMP_ERR_NOERROR;
     }
@@ -1040,40 +984,6 @@ const ProfileColumn kMsgLevelColumn = {
     "%s : ACTION -- modifying existing entry \n",
 };
 
-/* ---- Profile alert groups ------------------------------------------------------------ */
-
-constexpr size_t kAlertGroupPrefixLen = 14;
-constexpr size_t kAlertGroupValueMax = 8; /* type indexes 0 to 63 */
-
-/* A bit set in the platform's layout: the header word, then the storage. */
-struct AlertGroupSet {
-    uint32_t size;
-    uint8_t bits[sizeof(mibAlertGroup_t::bitset)];
-};
-
-/* The known types: the registry's count, but never past its terminator (a refresh that finds
- * no type leaves the old count behind). */
-uint32_t known_type_count() {
-    const uint32_t limit = std::min<uint32_t>(alertgroup_type_count, CALLHOME_MAX_ALERTGROUP_TYPES);
-    uint32_t n = 0;
-    while (n < limit && alertgroup_types[n].index != UINT32_MAX) {
-        ++n;
-    }
-    return n;
-}
-
-void send_alertgroup(int msg_type, const char *profile, const char *group) {
-    callHomeAlertGroupEntry_t entry;
-    std::memset(&entry, 0, sizeof entry);
-    size_t n = strnlen(profile, sizeof entry.destination_profile_id - 1);
-    std::memcpy(entry.destination_profile_id, profile, n);
-    n = strnlen(group, sizeof entry.alert_group - 1);
-    std::memcpy(entry.alert_group, group, n);
-    entry.word = 0;
-    /* A failure is traced and logged by the sender; the manager isn't told. */
-    update_cmi_alertGroups(msg_type, &entry);
-}
-
 } // namespace
 
 extern "C" {
@@ -1155,7 +1065,7 @@ int set_callHomeDestEmailAddress(int action, u_char *var_val, u_char var_val_typ
         if (listed == nullptr) {
             return SNMP_ERR_INCONSISTENTVALUE;
         }
-        copy_value(listed->email_addr, var_val, var_val_len);
+        callhome_copy_value(listed->email_addr, sizeof listed->email_addr, var_val, var_val_len);
         return SNMP_ERR_NOERROR;
     }
     default:
@@ -1194,7 +1104,7 @@ int set_callHomeUserDefCliCmd(int action, u_char *var_val, u_char var_val_type, 
         UserCmdRow *listed = find_row(callHomeUserDefCliCmd_list, key);
         if (listed != nullptr) {
             std::memset(listed->cli_cmd, 0, sizeof listed->cli_cmd);
-            copy_value(listed->cli_cmd, var_val, var_val_len);
+            callhome_copy_value(listed->cli_cmd, sizeof listed->cli_cmd, var_val, var_val_len);
             note("%s : RESERVE2 -- setting cli_cmd \n", __func__);
         }
         note("%s : RESERVE2 -- done \n", __func__);
@@ -1216,103 +1126,6 @@ int set_callHomeUserDefCliCmd(int action, u_char *var_val, u_char var_val_type, 
     default:
         return SNMP_ERR_NOERROR;
     }
-}
-
-/* ---- Profile alert groups ---------------------------------------------------------------- */
-
-int update_cmi_alertGroups(int msg_type, callHomeAlertGroupEntry_t *entry) {
-    if (entry == nullptr) {
-        return SNMP_ERR_GENERR;
-    }
-    callhome_trace(CALLHOME_TRACE_INFO,
-                   "%s : Sending %s REQ to alertGroupTable for destination_profile_id = %s "
-                   "AlertGroup = %s\n",
-                   __func__, msg_type == SET_REQ ? "SET" : "DELETE", entry->destination_profile_id,
-                   entry->alert_group);
-    entry->request_flag = 0;
-    callHomeAlertGroupEntry_hton(entry);
-    int status = send_write(CALLHOME_PROFILE_ALERTGROUP_OPC, msg_type, entry, sizeof *entry);
-    if (status != 0) {
-        callhome_trace(CALLHOME_TRACE_ERROR, "%s : SET failed : %s\n", __func__,
-                       callhome_status_text(status));
-        log_set_error(status, kSetErrorCode);
-        return to_snmp_error_code(status);
-    }
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : update succeeded\n", __func__);
-    return SNMP_ERR_NOERROR;
-}
-
-/* The service keeps a profile's groups one by one, and a profile with every known type as
- * the single group "all"; the written bit string is turned into the changes between the two. */
-int set_callhome_alertgroups(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                             u_char *, oid *name, size_t name_len) {
-    if (action == RESERVE1) {
-        if (var_val_type != ASN_OCTET_STR) {
-            note("%s :write to callHomeAlertGroups not ASN_OCTET_STR \n", __func__);
-            return SNMP_ERR_WRONGTYPE;
-        }
-        if (var_val_len > kAlertGroupValueMax) {
-            note("%s :write to callHomeAlertGroups bad length\n", __func__);
-            return SNMP_ERR_WRONGLENGTH;
-        }
-        return SNMP_ERR_NOERROR;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR; /* the change is made in ACTION and is not undone */
-    }
-
-    OidCopy o = copy_oid(name, name_len);
-    int status = header_callhome_alertgroups(o.arcs, kAlertGroupPrefixLen, o.arcs, &o.len, 1,
-                                             &mibAlertGroup, 1);
-    if (status != 0) {
-        callhome_trace(CALLHOME_TRACE_INFO, "%s : read from alertGroup Table failed :%s  \n",
-                       __func__, callhome_status_text(status));
-        return status == CALLHOME_UNKNOWN_ENTRY ? SNMP_ERR_NOSUCHNAME : status;
-    }
-    note("%s : read from alertGroup Table succeed \n", __func__);
-
-    AlertGroupSet wanted;
-    wanted.size = sizeof wanted.bits;
-    bitset_clear(&wanted);
-    if (var_val != nullptr) {
-        std::memcpy(wanted.bits, var_val, std::min(var_val_len, kAlertGroupValueMax));
-    }
-    const void *old_set = &mibAlertGroup.bitset_size;
-    char profile[sizeof mibAlertGroup.destination_profile_id];
-    copy_text(profile, mibAlertGroup.destination_profile_id);
-    const uint32_t count = known_type_count();
-
-    if (is_all_alertgroup_types_set(&wanted)) {
-        if (is_all_alertgroup_types_set(old_set)) {
-            note("%s : I/P is ALL, old value is ALL -- NO CHANGE \n", __func__);
-            return SNMP_ERR_NOERROR;
-        }
-        note("%s : I/P is ALL, old value is not ALL \n", __func__);
-        for (uint32_t i = 0; i < count; ++i) {
-            if (bitset_is_bit_set(old_set, alertgroup_types[i].index)) {
-                send_alertgroup(DELETE_REQ, profile, alertgroup_types[i].grp_name);
-            }
-        }
-        send_alertgroup(SET_REQ, profile, "all");
-    } else if (is_all_alertgroup_types_set(old_set)) {
-        if (!is_all_alertgroup_types_reset(&wanted)) {
-            note("%s :OLD value is ALL -- return Badvalue \n", __func__);
-            return SNMP_ERR_WRONGVALUE;
-        }
-        send_alertgroup(DELETE_REQ, profile, "all");
-    } else {
-        for (uint32_t i = 0; i < count; ++i) {
-            uint32_t bit = alertgroup_types[i].index;
-            bool was = bitset_is_bit_set(old_set, bit) != 0;
-            bool now = bitset_is_bit_set(&wanted, bit) != 0;
-            if (was && !now) {
-                send_alertgroup(DELETE_REQ, profile, alertgroup_types[i].grp_name);
-            } else if (!was && now) {
-                send_alertgroup(SET_REQ, profile, alertgroup_types[i].grp_name);
-            }
-        }
-    }
-    return SNMP_ERR_NOERROR;
 }
 
 } // extern "C"

@@ -104,6 +104,32 @@ const char *callhome_status_text(int status);
 /* The module-wide SNMP error record; callhome_report_error fills and logs it. */
 extern callhome_snmp_error_t callhome_snmp_error;
 void callhome_report_error(int status);
+/* Records a failed SET or DELETE to the service with log_set_error. */
+void callhome_log_set_error(int status);
+
+/* How long a write waits for the service, in seconds. */
+enum { CALLHOME_WRITE_WAIT = 10 };
+
+/* Values of a write: the agent hands INTEGER and Gauge32 values over as a C long, and a 32-bit
+ * value is accepted as well; a missing value reads as 0. */
+int callhome_integer_length_ok(size_t len);
+long callhome_integer_value(const u_char *var_val, size_t len);
+
+/* Text into fixed fields, always terminated and cut to fit. copy_text stops at the source's
+ * NUL (or after src_max bytes) and clears the rest of the field; copy_value takes the value's
+ * bytes as they are. Both return the number of bytes copied. */
+size_t callhome_copy_text(char *dst, size_t size, const char *src, size_t src_max);
+size_t callhome_copy_value(char *dst, size_t size, const u_char *var_val, size_t len);
+/* The service is another process: its text fields are never trusted to be terminated. */
+void callhome_terminate(char *field, size_t size);
+
+/* A private copy of a variable's OID: the header functions rewrite the OID they are given, and
+ * the agent's copy must stay as it is. */
+struct callhome_oid_copy {
+    oid arcs[MAX_OID_LEN];
+    size_t len;
+};
+void callhome_copy_oid(const oid *name, size_t name_len, struct callhome_oid_copy *copy);
 
 /* ---- Backend channel ------------------------------------------------------------------- */
 
@@ -257,6 +283,14 @@ CALLHOME_EXPORT int update_cmi_alertGroups(int msg_type, callHomeAlertGroupEntry
 
 } /* extern "C" */
 
+/* The helpers above for fixed fields, sized by their type. */
+template <size_t N, size_t M> size_t callhome_copy_text(char (&dst)[N], const char (&src)[M]) {
+    return callhome_copy_text(dst, N, src, M);
+}
+template <size_t N> void callhome_terminate(char (&field)[N]) {
+    callhome_terminate(field, N);
+}
+
 /* The answer record of one cmi_req_resp call, freed whichever way the caller leaves. */
 struct CmiAnswer {
     void *record = nullptr;
@@ -282,5 +316,14 @@ struct CmiAnswer {
     }
     template <class Record> void copy_to(Record *out) const { copy_to(out, sizeof *out); }
 };
+
+/* The one channel to the service (callhome_backend.cpp). A read (GET, GETNEXT and their
+ * distribution variants) leaves the answer record in `answer`; scalar reads go out without
+ * the SNMP request's user and session. A write (SET, DELETE) asks for no answer record and is
+ * bracketed by heartbeats for the process monitor; errno is left as the call set it. */
+int callhome_read(int opcode, int msg_type, const void *request, uint32_t length, int client,
+                  int wait, CmiAnswer *answer);
+int callhome_write(int opcode, int msg_type, const void *record, uint32_t length, int client,
+                   int wait);
 
 #endif
