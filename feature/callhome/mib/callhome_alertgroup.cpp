@@ -264,7 +264,7 @@ int set_callhome_alertgroups(int action, u_char *var_val, u_char var_val_type, s
     if (status != 0) {
         callhome_trace(CALLHOME_TRACE_INFO, "%s : read from alertGroup Table failed :%s  \n",
                        __func__, callhome_status_text(status));
-        /* Any other status goes back to the agent as it stands, not as an SNMP status. */
+        /* Kept as managers know it: any other status is returned raw, not as an SNMP status. */
         return status == CALLHOME_UNKNOWN_ENTRY ? SNMP_ERR_NOSUCHNAME : status;
     }
     callhome_trace(CALLHOME_TRACE_INFO, "%s : read from alertGroup Table succeed \n", __func__);

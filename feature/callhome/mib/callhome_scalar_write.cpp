@@ -71,8 +71,8 @@ enum class TextRecord { Info, Email };
 struct TextScalar {
     const char *handler;
     TextRecord record;
-    const char *info_name;                      // TextRecord::Info
-    char (cmi_email_conf_t::*email_field)[256]; // TextRecord::Email
+    const char *info_name = nullptr;                      // TextRecord::Info
+    char (cmi_email_conf_t::*email_field)[256] = nullptr; // TextRecord::Email
     size_t max_length;
     bool phone_number; // the phone rule instead of the SnmpAdminString rule
     Sink sink;
@@ -81,97 +81,105 @@ struct TextScalar {
     const char *being_set; // trace of the new value: handler, value
 };
 
-const TextScalar kPhoneNumber = {"set_sysContactPhoneNumber",
-                                 TextRecord::Info,
-                                 "sysContactPhoneNumber",
-                                 nullptr,
-                                 17,
-                                 true,
-                                 Sink::Trace,
-                                 "write to sysContactPhoneNumber not ASN_OCTET_STR\n",
-                                 "write to sysContactPhoneNumber: bad length\n",
-                                 "%s : contactPhone  being set to %s\n"};
-const TextScalar kContactEmail = {"set_sysContactEmailAddress",
-                                  TextRecord::Info,
-                                  "sysContactEmail",
-                                  nullptr,
-                                  255,
-                                  false,
-                                  Sink::Trace,
-                                  "write to sysContactEmailAddress not ASN_OCTET_STR\n",
-                                  "write to sysContactEmailAddress: bad length\n",
-                                  "%s : contactEmail  being set to %s\n"};
-const TextScalar kStreetAddress = {"set_sysStreetAddress",
-                                   TextRecord::Info,
-                                   "sysStreetAddress",
-                                   nullptr,
-                                   255,
-                                   false,
-                                   Sink::Stderr,
-                                   "write to sysStreetAddress not ASN_OCTET_STR\n",
-                                   "write to sysStreetAddress: bad length\n",
-                                   "%s : contactStreetAddr  being set to %s\n"};
-const TextScalar kCustomerId = {"set_callHomeCustomerId",
-                                TextRecord::Info,
-                                "custId",
-                                nullptr,
-                                255,
-                                false,
-                                Sink::Stderr,
-                                "write to callHomeCustomerId not ASN_OCTET_STR\n",
-                                "write to callHomeCustomerId: bad length\n",
-                                "%s : custId  being set to %s\n"};
-const TextScalar kContractId = {"set_callHomeContractId",
-                                TextRecord::Info,
-                                "contractId",
-                                nullptr,
-                                255,
-                                false,
-                                Sink::Stderr,
-                                "write to callHomeContractId not ASN_OCTET_STR\n",
-                                "write to callHomeContractId: bad length\n",
-                                "%s : contractId  being set to %s\n"};
-const TextScalar kSiteId = {"set_callHomeSiteId",
-                            TextRecord::Info,
-                            "siteId",
-                            nullptr,
-                            255,
-                            false,
-                            Sink::Stderr,
-                            "write to callHomeSiteId not ASN_OCTET_STR\n",
-                            "write to callHomeSiteId: bad length\n",
-                            "%s : siteId  being set to %s\n"};
-const TextScalar kEmailFrom = {"set_callHomeEmailFrom",
-                               TextRecord::Email,
-                               nullptr,
-                               &cmi_email_conf_t::from_email_addr,
-                               255,
-                               false,
-                               Sink::Stderr,
-                               "write to callHomeEmailFrom not ASN_OCTET_STR\n",
-                               "write to callHomeEmailFrom: bad length\n",
-                               "%s : fromEmail  being set to %s\n"};
-const TextScalar kEmailReplyTo = {"set_callHomeEmailReplyTo",
-                                  TextRecord::Email,
-                                  nullptr,
-                                  &cmi_email_conf_t::reply_to,
-                                  255,
-                                  false,
-                                  Sink::Stderr,
-                                  "write to callHomeEmailReplyTo not ASN_OCTET_STR\n",
-                                  "write to callHomeEmailReplyTo: bad length\n",
-                                  "%s : reply-To  being set to %s\n"};
+const TextScalar kPhoneNumber = {
+    .handler = "set_sysContactPhoneNumber",
+    .record = TextRecord::Info,
+    .info_name = "sysContactPhoneNumber",
+    .max_length = 17,
+    .phone_number = true,
+    .sink = Sink::Trace,
+    .type_message = "write to sysContactPhoneNumber not ASN_OCTET_STR\n",
+    .length_message = "write to sysContactPhoneNumber: bad length\n",
+    .being_set = "%s : contactPhone  being set to %s\n",
+};
+const TextScalar kContactEmail = {
+    .handler = "set_sysContactEmailAddress",
+    .record = TextRecord::Info,
+    .info_name = "sysContactEmail",
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Trace,
+    .type_message = "write to sysContactEmailAddress not ASN_OCTET_STR\n",
+    .length_message = "write to sysContactEmailAddress: bad length\n",
+    .being_set = "%s : contactEmail  being set to %s\n",
+};
+const TextScalar kStreetAddress = {
+    .handler = "set_sysStreetAddress",
+    .record = TextRecord::Info,
+    .info_name = "sysStreetAddress",
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to sysStreetAddress not ASN_OCTET_STR\n",
+    .length_message = "write to sysStreetAddress: bad length\n",
+    .being_set = "%s : contactStreetAddr  being set to %s\n",
+};
+const TextScalar kCustomerId = {
+    .handler = "set_callHomeCustomerId",
+    .record = TextRecord::Info,
+    .info_name = "custId",
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to callHomeCustomerId not ASN_OCTET_STR\n",
+    .length_message = "write to callHomeCustomerId: bad length\n",
+    .being_set = "%s : custId  being set to %s\n",
+};
+const TextScalar kContractId = {
+    .handler = "set_callHomeContractId",
+    .record = TextRecord::Info,
+    .info_name = "contractId",
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to callHomeContractId not ASN_OCTET_STR\n",
+    .length_message = "write to callHomeContractId: bad length\n",
+    .being_set = "%s : contractId  being set to %s\n",
+};
+const TextScalar kSiteId = {
+    .handler = "set_callHomeSiteId",
+    .record = TextRecord::Info,
+    .info_name = "siteId",
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to callHomeSiteId not ASN_OCTET_STR\n",
+    .length_message = "write to callHomeSiteId: bad length\n",
+    .being_set = "%s : siteId  being set to %s\n",
+};
+const TextScalar kEmailFrom = {
+    .handler = "set_callHomeEmailFrom",
+    .record = TextRecord::Email,
+    .email_field = &cmi_email_conf_t::from_email_addr,
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to callHomeEmailFrom not ASN_OCTET_STR\n",
+    .length_message = "write to callHomeEmailFrom: bad length\n",
+    .being_set = "%s : fromEmail  being set to %s\n",
+};
+const TextScalar kEmailReplyTo = {
+    .handler = "set_callHomeEmailReplyTo",
+    .record = TextRecord::Email,
+    .email_field = &cmi_email_conf_t::reply_to,
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to callHomeEmailReplyTo not ASN_OCTET_STR\n",
+    .length_message = "write to callHomeEmailReplyTo: bad length\n",
+    .being_set = "%s : reply-To  being set to %s\n",
+};
 const TextScalar kEmailReturnReceipt = {
-    "set_callHomeEmailMsgDispNotification",
-    TextRecord::Email,
-    nullptr,
-    &cmi_email_conf_t::return_receipt_addr,
-    255,
-    false,
-    Sink::Stderr,
-    "write to callHomeEmailMsgDispNotification not ASN_OCTET_STR\n",
-    "write to callHomeEmailMsgDispNotification: bad length\n",
-    "%s : ReturnReceipt  being set to %s\n"};
+    .handler = "set_callHomeEmailMsgDispNotification",
+    .record = TextRecord::Email,
+    .email_field = &cmi_email_conf_t::return_receipt_addr,
+    .max_length = 255,
+    .phone_number = false,
+    .sink = Sink::Stderr,
+    .type_message = "write to callHomeEmailMsgDispNotification not ASN_OCTET_STR\n",
+    .length_message = "write to callHomeEmailMsgDispNotification: bad length\n",
+    .being_set = "%s : ReturnReceipt  being set to %s\n",
+};
 
 // '+' then digits, spaces and dashes; the plus sign alone is a valid number.
 bool valid_phone_number(const u_char *value, size_t len) {

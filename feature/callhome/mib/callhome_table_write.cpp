@@ -34,13 +34,6 @@ constexpr uint32_t kMaxMessageSizeLimit = 1000000;
 constexpr uint32_t kDefaultFullMessageSize = 500000; /* formats 1 and 2 */
 constexpr uint32_t kDefaultShortMessageSize = 4000;  /* format 3 */
 
-/* A trace whose only argument is the handler's name; a null text means "no trace here". */
-void note(const char *text, const char *fn, int level = CALLHOME_TRACE_INFO) {
-    if (text != nullptr) {
-        callhome_trace(level, text, fn);
-    }
-}
-
 bool has_edge_space(const char *text, size_t len) {
     return len > 0 && (text[0] == ' ' || text[len - 1] == ' ');
 }
@@ -73,6 +66,47 @@ template <class Row> bool add_row(indxobj_t *list, Row *row) {
     return list != nullptr && indxobj_add(list, row, row) == 0;
 }
 
+/* ---- What the RowStatus machine traces ------------------------------------------------- */
+
+/* One trace line: its text (null: nothing is traced at that step) and its level. */
+struct Trace {
+    const char *text = nullptr;
+    int level = CALLHOME_TRACE_INFO;
+};
+
+/* Every line the RowStatus machine of one table traces. The texts, spelling included, are
+ * what operators and their tools know from this module: keep them as they are. Lines about a
+ * row get the handler's name and the table's row fields (Table::trace_row); the others the
+ * handler's name alone. */
+struct RowStatusTexts {
+    Trace phase[UNDO + 1]; /* first line of each phase */
+    Trace wrong_type;
+    Trace wrong_length;
+    Trace bad_value;
+    Trace row_exists;
+    Trace undo_malloc_failed;
+    Trace undo_added;      /* row */
+    Trace undo_add_failed; /* row */
+    Trace malloc_failed;
+    Trace added;      /* row */
+    Trace add_failed; /* row */
+    Trace reserve1_done;
+    Trace reserve2_done;
+    Trace action_unknown;
+    Trace action_new_row;
+    Trace retrieved; /* row */
+    Trace before_undo_remove;
+    Trace before_list_remove;
+};
+
+constexpr int kError = CALLHOME_TRACE_ERROR;
+
+void trace(const Trace &t, const char *fn) {
+    if (t.text != nullptr) {
+        callhome_trace(t.level, t.text, fn);
+    }
+}
+
 /* ---- Destination profile table ------------------------------------------------------- */
 
 using ProfileRow = callHomeDestProfileEntry_t;
@@ -83,13 +117,11 @@ int parse_profile(const oid *name, size_t name_len, ProfileRow *row) {
     return get_callHomeDestProfileEntry_instance(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row);
 }
 
+/* The header leaves the name terminated, whether it found the row or not. */
 int read_profile(const oid *name, size_t name_len, ProfileRow *row) {
     callhome_oid_copy o;
     callhome_copy_oid(name, name_len, &o);
-    int status =
-        header_callHomeDestProfileEntry(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row, 1);
-    row->destination_profile_id[sizeof row->destination_profile_id - 1] = '\0';
-    return status;
+    return header_callHomeDestProfileEntry(o.arcs, kProfilePrefixLen, o.arcs, &o.len, 1, row, 1);
 }
 
 /* Number of name characters the OID's index announces, as far as the key field holds them. */
@@ -100,92 +132,84 @@ size_t profile_index_len(const oid *name, size_t name_len, size_t field_len) {
     return std::min<size_t>(name[kProfilePrefixLen], field_len);
 }
 
+/* A table's part in the RowStatus machine: its containers and row functions, the texts it
+ * traces, and the hooks where the tables really differ (see row_status_write). */
 struct ProfileTable {
     using Row = ProfileRow;
     static indxobj_t *list() { return callHomeDestProfileEntry_list; }
     static indxobj_t *undo_list() { return callHomeDestProfileEntry_undo_list; }
-    static const Row &current() { return callHomeDestProfileEntry; }
     static int parse(const oid *name, size_t name_len, Row *row) {
         return parse_profile(name, name_len, row);
     }
     static int read_for_set(const oid *name, size_t name_len, Row *row) {
         return read_profile(name, name_len, row);
     }
-    static void own_key(Row &, const oid *, size_t) {}
-    static void terminate(Row &row) {
-        row.destination_profile_id[sizeof row.destination_profile_id - 1] = '\0';
+    /* The row as the read handler found it. */
+    static void undo_copy(Row &copy, const oid *, size_t) { copy = callHomeDestProfileEntry; }
+    static void trace_row(const Trace &t, const char *fn, const Row &row) {
+        callhome_trace(t.level, t.text, fn, row.destination_profile_id);
     }
 
-    static const char *phase_text(int action) {
-        return action == FREE ? "%s : In FREE:\n" : nullptr;
-    }
-    static constexpr int kCheckLevel = CALLHOME_TRACE_INFO;
-    static constexpr const char *kWrongType =
-        "%s : RESERVE1 - callHomeDestProfileStatus not ASN_INTEGER \n";
-    static constexpr const char *kWrongLength =
-        "%s : RESERVE1 - callHomeDestProfileStatus: bad length \n";
-    static constexpr const char *kBadValue = "%s : RESERVE1 - inconsistent value \n";
-    static constexpr const char *kRowExists = "%s : RESERVE1 -- inconsistent value \n";
-    static constexpr int kRowExistsLevel = CALLHOME_TRACE_INFO;
-    static constexpr const char *kUndoMallocFailed = nullptr;
-    static constexpr const char *kMallocFailed = "%s : Malloc for entry failed\n";
-    static constexpr const char *kReserve1Done = "%s : RESERVE1 -- done \n";
-    static constexpr const char *kReserve2Done = "%s : RESERVE2 -- done \n";
-    static constexpr const char *kActionUnknown =
-        "%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n";
-    static constexpr const char *kActionNewRow = "%s : ACTION -- setting default value \n";
-    static constexpr const char *kBeforeUndoRemove = nullptr;
-    static constexpr const char *kBeforeListRemove = nullptr;
-
-    static void trace_undo_added(const char *fn, const Row &) {
-        note("%s : RESERVE1 -- index object undo list added \n", fn);
-    }
-    static void trace_undo_add_failed(const char *fn, const Row &) {
-        note("%s : RESERVE1 -- index object undo list add failed \n", fn);
-    }
+    static constexpr RowStatusTexts kTexts = {
+        .phase = {{}, {}, {}, {}, {"%s : In FREE:\n"}, {}},
+        .wrong_type = {"%s : RESERVE1 - callHomeDestProfileStatus not ASN_INTEGER \n"},
+        .wrong_length = {"%s : RESERVE1 - callHomeDestProfileStatus: bad length \n"},
+        .bad_value = {"%s : RESERVE1 - inconsistent value \n"},
+        .row_exists = {"%s : RESERVE1 -- inconsistent value \n"},
+        .undo_malloc_failed = {},
+        .undo_added = {"%s : RESERVE1 -- index object undo list added \n"},
+        .undo_add_failed = {"%s : RESERVE1 -- index object undo list add failed \n"},
+        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
+        .added = {"%s : Added entry (profile = %s ) to callHomeDestProfileEntry_list\n"},
+        .add_failed = {"%s : Adding to entry (profile = %s )to callHomeDestProfileEntry_list "
+                       "failed\n",
+                       kError},
+        .reserve1_done = {"%s : RESERVE1 -- done \n"},
+        .reserve2_done = {"%s : RESERVE2 -- done \n"},
+        .action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"},
+        .action_new_row = {"%s : ACTION -- setting default value \n"},
+        .retrieved = {"%s : Retrieve  entry (profile = %s ),from callHomeDestProfileEntry_list\n"},
+        .before_undo_remove = {},
+        .before_list_remove = {},
+    };
 
     /* Defaults, index and the name rules of a row about to be created. */
     static int prepare_new_row(const char *fn, Row *row, const oid *name, size_t name_len) {
         callHomeDestProfileEntry_defaults(row);
         if (parse(name, name_len, row) != 0) {
-            note("%s : RESERVE1 - dest profile_id not set properly \n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : RESERVE1 - dest profile_id not set properly \n", fn);
             return SNMP_ERR_INCONSISTENTVALUE;
         }
         callHomeDestProfileEntry_defaults(row);
         size_t len = profile_index_len(name, name_len, sizeof row->destination_profile_id - 1);
         if (has_edge_space(row->destination_profile_id, len)) {
-            note("%s : leading/trailing space is not allowed in SnmpAdminString type\n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : leading/trailing space is not allowed in SnmpAdminString type\n",
+                           fn);
             callhome_report_error(CALLHOME_ERR_BAD_PROFILE_NAME);
             return SNMP_ERR_GENERR;
         }
         if (is_builtin_profile(row->destination_profile_id)) {
-            note("%s : RESERVE1 -- Can't create entry for xml/full-txt/short-txt \n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : RESERVE1 -- Can't create entry for xml/full-txt/short-txt \n", fn);
             callhome_report_error(CALLHOME_ERR_BAD_PROFILE_NAME);
             return SNMP_ERR_GENERR;
         }
         return SNMP_ERR_NOERROR;
-    }
-    static void trace_added(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Added entry (profile = %s ) to callHomeDestProfileEntry_list\n", fn,
-                       row.destination_profile_id);
-    }
-    static void trace_add_failed(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_ERROR,
-                       "%s : Adding to entry (profile = %s )to callHomeDestProfileEntry_list "
-                       "failed\n",
-                       fn, row.destination_profile_id);
     }
 
     /* The built-in profiles can't be destroyed. */
     static int check_destroy(const char *fn, const oid *name, size_t name_len) {
         Row key{};
         if (parse(name, name_len, &key) != 0) {
-            note("%s : RESERVE1 -- destination profile_id not set \n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : RESERVE1 -- destination profile_id not set \n", fn);
             return SNMP_ERR_INCONSISTENTVALUE;
         }
         if (is_builtin_profile(key.destination_profile_id)) {
-            note("%s : RESERVE1 -- Can't delete entry for xml/full-txt/short-txt \n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : RESERVE1 -- Can't delete entry for xml/full-txt/short-txt \n", fn);
             callhome_report_error(CALLHOME_ERR_BUILTIN_PROFILE);
             return SNMP_ERR_GENERR;
         }
@@ -193,14 +217,10 @@ struct ProfileTable {
     }
 
     static int read_failed(const char *fn, int status) {
-        note("%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
         callhome_report_error(status);
         return to_snmp_error_code(status);
-    }
-    static void trace_retrieved(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Retrieve  entry (profile = %s ),from callHomeDestProfileEntry_list\n",
-                       fn, row.destination_profile_id);
     }
     /* A row created without a size gets the default size of its format. */
     static int complete_new_row(const char *fn, Row &row, bool) {
@@ -219,7 +239,7 @@ struct ProfileTable {
     }
 
     static int send_action(const char *fn, int msg_type, Row row) {
-        note("%s : ACTION -- sending SET REQ \n", fn);
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- sending SET REQ \n", fn);
         row.request_flag = 0;
         callHomeDestProfileEntry_hton(&row);
         int status = callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row,
@@ -227,20 +247,17 @@ struct ProfileTable {
         if (status == 0) {
             return SNMP_ERR_NOERROR;
         }
-        note("%s : ACTION -- SET REQ failed \n", fn);
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- SET REQ failed \n", fn);
         callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
     /* The service's answer is of no use here: UNDO can't fail. */
-    static void send_undo(const char *fn, int msg_type, Row row, const Row &) {
-        note("%s : UNDO -- sending SET REQ \n", fn);
+    static void send_undo(const char *fn, int msg_type, Row row) {
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : UNDO -- sending SET REQ \n", fn);
         row.request_flag = 0;
-        bool named = row.destination_profile_id[0] != '\0';
         callHomeDestProfileEntry_hton(&row);
-        if (named) {
-            callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row,
-                           CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
-        }
+        callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row, CALLHOME_CLIENT_TABLE,
+                       CALLHOME_WRITE_WAIT);
     }
 };
 
@@ -257,60 +274,63 @@ struct EmailTable {
     using Row = EmailRow;
     static indxobj_t *list() { return callHomeDestEmailAddressEntry_list; }
     static indxobj_t *undo_list() { return callHomeDestEmailAddressEntry_undo_list; }
-    static const Row &current() { return callHomeDestEmailAddressEntry; }
     static int parse(const oid *name, size_t name_len, Row *row) {
         callhome_oid_copy o;
         callhome_copy_oid(name, name_len, &o);
         return get_callHomeDestEmailAddressEntry_instance(o.arcs, kEmailPrefixLen, o.arcs, &o.len,
                                                           1, row);
     }
+    /* A key longer than the name field runs on into the address; a failed read leaves it
+     * there, so the address is terminated here. */
     static int read_for_set(const oid *name, size_t name_len, Row *row) {
         callhome_oid_copy o;
         callhome_copy_oid(name, name_len, &o);
         int status = header_callHomeDestEmailAddressEntry(o.arcs, kEmailPrefixLen, o.arcs, &o.len,
                                                           1, row, 1);
-        terminate(*row);
+        callhome_terminate(row->email_addr);
         return status;
     }
-    static void terminate(Row &row) { row.email_addr[sizeof row.email_addr - 1] = '\0'; }
-    static void own_key(Row &, const oid *, size_t) {}
-
-    static const char *phase_text(int action) {
-        static const char *const texts[] = {"%s : In RESERVE1:\n", "%s : In RESERVE2:\n",
-                                            "%s : In ACTION\n",    "%s : In COMMIT\n",
-                                            "%s : In FREE:\n",     "%s : In UNDO\n"};
-        return texts[action];
+    static void undo_copy(Row &copy, const oid *, size_t) {
+        copy = callHomeDestEmailAddressEntry;
+        callhome_terminate(copy.email_addr);
     }
-    static constexpr int kCheckLevel = CALLHOME_TRACE_ERROR;
-    static constexpr const char *kWrongType =
-        "%s : callHomeDestEmailAddressStatus not ASN_INTEGER\n";
-    static constexpr const char *kWrongLength =
-        "%s : callHomeDestEmailAddressStatus - bad length \n";
-    static constexpr const char *kBadValue = nullptr;
-    static constexpr const char *kRowExists = "%s : Create failed : entry exists\n";
-    static constexpr int kRowExistsLevel = CALLHOME_TRACE_ERROR;
-    static constexpr const char *kUndoMallocFailed = "%s : Malloc for entry failed\n";
-    static constexpr const char *kMallocFailed = "%s : Malloc for entry failed\n";
+    static void trace_row(const Trace &t, const char *fn, const Row &row) {
+        callhome_trace(t.level, t.text, fn, row.destination_profile_id, row.index);
+    }
+
     /* No "done" lines and no destroy check in this table. */
-    static constexpr const char *kReserve1Done = nullptr;
-    static constexpr const char *kReserve2Done = nullptr;
-    static constexpr const char *kActionUnknown = nullptr;
-    static constexpr const char *kActionNewRow = nullptr;
-    static constexpr const char *kBeforeUndoRemove = nullptr;
-    static constexpr const char *kBeforeListRemove = nullptr;
-
-    static void trace_undo_added(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Added entry (profile = %s,  index= %d) to "
-                       "callHomeDestEmailAddressEntry_undo_list\n",
-                       fn, row.destination_profile_id, row.index);
-    }
-    static void trace_undo_add_failed(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_ERROR,
-                       "%s : Adding to entry (profile = %s,  index= %d)to "
-                       "callHomeDestEmailAddressEntry_undo_list failed\n",
-                       fn, row.destination_profile_id, row.index);
-    }
+    static constexpr RowStatusTexts kTexts = {
+        .phase = {{"%s : In RESERVE1:\n"},
+                  {"%s : In RESERVE2:\n"},
+                  {"%s : In ACTION\n"},
+                  {"%s : In COMMIT\n"},
+                  {"%s : In FREE:\n"},
+                  {"%s : In UNDO\n"}},
+        .wrong_type = {"%s : callHomeDestEmailAddressStatus not ASN_INTEGER\n", kError},
+        .wrong_length = {"%s : callHomeDestEmailAddressStatus - bad length \n", kError},
+        .bad_value = {},
+        .row_exists = {"%s : Create failed : entry exists\n", kError},
+        .undo_malloc_failed = {"%s : Malloc for entry failed\n", kError},
+        .undo_added = {"%s : Added entry (profile = %s,  index= %d) to "
+                       "callHomeDestEmailAddressEntry_undo_list\n"},
+        .undo_add_failed = {"%s : Adding to entry (profile = %s,  index= %d)to "
+                            "callHomeDestEmailAddressEntry_undo_list failed\n",
+                            kError},
+        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
+        .added = {"%s : Added entry (profile = %s,  index= %d) to "
+                  "callHomeDestEmailAddressEntry_list\n"},
+        .add_failed = {"%s : Adding to entry (profile = %s,  index= %d)to "
+                       "callHomeDestEmailAddressEntry_list failed\n",
+                       kError},
+        .reserve1_done = {},
+        .reserve2_done = {},
+        .action_unknown = {},
+        .action_new_row = {},
+        .retrieved = {"%s : Retrieve  entry (profile = %s,\tindex= %d) from "
+                      "callHomeDestEmailAddressEntry_list\n"},
+        .before_undo_remove = {},
+        .before_list_remove = {},
+    };
 
     static int prepare_new_row(const char *fn, Row *row, const oid *name, size_t name_len) {
         callHomeDestEmailAddressEntry_defaults(row);
@@ -319,7 +339,9 @@ struct EmailTable {
         }
         size_t len = profile_index_len(name, name_len, kEmailKeyArea - 1);
         if (has_edge_space(row->destination_profile_id, len)) {
-            note("%s : leading/trailing space is not allowed in SnmpAdminString type\n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO,
+                           "%s : leading/trailing space is not allowed in SnmpAdminString type\n",
+                           fn);
             callhome_report_error(CALLHOME_ERR_BAD_PROFILE_NAME);
             return SNMP_ERR_GENERR;
         }
@@ -327,30 +349,12 @@ struct EmailTable {
         row->email_addr[0] = '\0';
         return SNMP_ERR_NOERROR;
     }
-    static void trace_added(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Added entry (profile = %s,  index= %d) to "
-                       "callHomeDestEmailAddressEntry_list\n",
-                       fn, row.destination_profile_id, row.index);
-    }
-    static void trace_add_failed(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_ERROR,
-                       "%s : Adding to entry (profile = %s,  index= %d)to "
-                       "callHomeDestEmailAddressEntry_list failed\n",
-                       fn, row.destination_profile_id, row.index);
-    }
     /* Anything but createAndGo is settled in RESERVE1 by the undo copy alone. */
     static int check_destroy(const char *, const oid *, size_t) { return SNMP_ERR_NOERROR; }
 
     static int read_failed(const char *, int status) {
         callhome_log_set_error(status);
         return to_snmp_error_code(status);
-    }
-    static void trace_retrieved(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Retrieve  entry (profile = %s,\tindex= %d) from "
-                       "callHomeDestEmailAddressEntry_list\n",
-                       fn, row.destination_profile_id, row.index);
     }
     /* An address row means nothing without its address. */
     static int complete_new_row(const char *fn, Row &row, bool) {
@@ -389,16 +393,13 @@ struct EmailTable {
         callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
-    static void send_undo(const char *fn, int msg_type, Row row, const Row &) {
+    static void send_undo(const char *fn, int msg_type, Row row) {
         const char *what = msg_type_text(msg_type);
         int index = row.index;
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Sending  req %s for UNDO : destination_profile_id = %s, index = %d "
                        "email_addr = %s, row_status = %d\n",
                        fn, what, row.destination_profile_id, index, row.email_addr, row.row_status);
-        if (row.destination_profile_id[0] == '\0') {
-            return;
-        }
         row.commit_flag = 0;
         callHomeDestEmailAddressEntry_hton(&row);
         int status = callhome_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row,
@@ -417,128 +418,104 @@ struct EmailTable {
 
 using UserCmdRow = callHomeUserDefCliCmdEntry_t;
 
+/* Whatever row the service answered with, a write goes to the row the OID names. */
+void own_user_cmd_key(UserCmdRow &row, const oid *name, size_t name_len) {
+    if (name_len == kUserCmdPrefixLen + 2) {
+        row.alertgroup_type = static_cast<int32_t>(name[kUserCmdPrefixLen]);
+        row.index = static_cast<int32_t>(name[kUserCmdPrefixLen + 1]);
+    }
+}
+
 struct UserCmdTable {
     using Row = UserCmdRow;
     static indxobj_t *list() { return callHomeUserDefCliCmd_list; }
     static indxobj_t *undo_list() { return callHomeUserDefCliCmd_undo_list; }
-    static const Row &current() { return callHomeUserDefCliCmdEntry; }
     static int parse(const oid *name, size_t name_len, Row *row) {
         callhome_oid_copy o;
         callhome_copy_oid(name, name_len, &o);
         return get_callHomeUserDefCliCmd_instance(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1,
                                                   row);
     }
+    /* The header leaves both text fields terminated, whether it found the row or not. */
     static int read_for_set(const oid *name, size_t name_len, Row *row) {
         callhome_oid_copy o;
         callhome_copy_oid(name, name_len, &o);
         int status =
             header_callHomeUserDefCliCmdEntry(o.arcs, kUserCmdPrefixLen, o.arcs, &o.len, 1, row, 1);
-        terminate(*row);
-        own_key(*row, name, name_len);
+        own_user_cmd_key(*row, name, name_len);
         return status;
     }
-    /* Whatever row the service answered with, a write goes to the row the OID names. */
-    static void own_key(Row &row, const oid *name, size_t name_len) {
-        if (name_len == kUserCmdPrefixLen + 2) {
-            row.alertgroup_type = static_cast<int32_t>(name[kUserCmdPrefixLen]);
-            row.index = static_cast<int32_t>(name[kUserCmdPrefixLen + 1]);
-        }
+    static void undo_copy(Row &copy, const oid *name, size_t name_len) {
+        copy = callHomeUserDefCliCmdEntry;
+        own_user_cmd_key(copy, name, name_len);
     }
-    static void terminate(Row &row) {
-        row.alertgroup_name[sizeof row.alertgroup_name - 1] = '\0';
-        row.cli_cmd[sizeof row.cli_cmd - 1] = '\0';
+    static void trace_row(const Trace &t, const char *fn, const Row &row) {
+        callhome_trace(t.level, t.text, fn, row.alertgroup_type, row.index);
     }
 
-    static const char *phase_text(int action) {
-        switch (action) {
-        case COMMIT:
-            return "%s : From Commit \n";
-        case FREE:
-            return "%s : In FREE:\n";
-        case UNDO:
-            return "%s : from UNDO -- \n";
-        default:
-            return nullptr;
-        }
-    }
-    static constexpr int kCheckLevel = CALLHOME_TRACE_INFO;
-    static constexpr const char *kWrongType =
-        "%s : RESERVE1 - callHomeUsrDefCmdStatus not ASN_INTEGER\n";
-    static constexpr const char *kWrongLength =
-        "%s : RESERVE1 - callHomeUsrDefCmdStatus: bad length\n";
-    static constexpr const char *kBadValue = "%s : RESERVE1 - inconsistent value \n";
-    static constexpr const char *kRowExists = "%s : RESERVE1 -- inconsistent value \n";
-    static constexpr int kRowExistsLevel = CALLHOME_TRACE_INFO;
-    static constexpr const char *kUndoMallocFailed = nullptr;
-    static constexpr const char *kMallocFailed = "%s : Malloc for entry failed\n";
-    static constexpr const char *kReserve1Done = "%s : RESERVE1 -- done \n";
-    static constexpr const char *kReserve2Done = "%s : RESERVE2 -- done \n";
-    static constexpr const char *kActionUnknown =
-        "%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n";
-    static constexpr const char *kActionNewRow = nullptr;
-    static constexpr const char *kBeforeUndoRemove = "%s : before indx_obj undo_list remove \n";
-    static constexpr const char *kBeforeListRemove = "%s : before indx_obj list remove \n";
-
-    static void trace_undo_added(const char *fn, const Row &) {
-        note("%s : RESERVE1 -- index object undo list added\n", fn);
-    }
-    static void trace_undo_add_failed(const char *fn, const Row &) {
-        note("%s : RESERVE1 -- index object undo list add failed\n", fn);
-    }
+    /* The list's name is spelt three ways in these lines. */
+    static constexpr RowStatusTexts kTexts = {
+        .phase =
+            {{}, {}, {}, {"%s : From Commit \n"}, {"%s : In FREE:\n"}, {"%s : from UNDO -- \n"}},
+        .wrong_type = {"%s : RESERVE1 - callHomeUsrDefCmdStatus not ASN_INTEGER\n"},
+        .wrong_length = {"%s : RESERVE1 - callHomeUsrDefCmdStatus: bad length\n"},
+        .bad_value = {"%s : RESERVE1 - inconsistent value \n"},
+        .row_exists = {"%s : RESERVE1 -- inconsistent value \n"},
+        .undo_malloc_failed = {},
+        .undo_added = {"%s : RESERVE1 -- index object undo list added\n"},
+        .undo_add_failed = {"%s : RESERVE1 -- index object undo list add failed\n"},
+        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
+        .added = {"%s : Added entry (index = %d, %d ) to callHomeUserDefCliCmd_list\n"},
+        .add_failed = {"%s : Adding to entry (index = %d, %d )to callHomeUsrDefCliCmd_list "
+                       "failed\n",
+                       kError},
+        .reserve1_done = {"%s : RESERVE1 -- done \n"},
+        .reserve2_done = {"%s : RESERVE2 -- done \n"},
+        .action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"},
+        .action_new_row = {},
+        .retrieved = {"%s : Retrieve  entry (id = %d,%d ),from callHomeUsrDefCmd_list\n"},
+        .before_undo_remove = {"%s : before indx_obj undo_list remove \n"},
+        .before_list_remove = {"%s : before indx_obj list remove \n"},
+    };
 
     /* No defaults, no name rules and no reserved rows here: only the index. */
     static int prepare_new_row(const char *fn, Row *row, const oid *name, size_t name_len) {
         if (parse(name, name_len, row) != 0) {
-            note("%s : RESERVE1 - indices not set properly\n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO, "%s : RESERVE1 - indices not set properly\n", fn);
             return SNMP_ERR_INCONSISTENTVALUE;
         }
         return SNMP_ERR_NOERROR;
     }
-    static void trace_added(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Added entry (index = %d, %d ) to callHomeUserDefCliCmd_list\n", fn,
-                       row.alertgroup_type, row.index);
-    }
-    static void trace_add_failed(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_ERROR,
-                       "%s : Adding to entry (index = %d, %d )to callHomeUsrDefCliCmd_list "
-                       "failed\n",
-                       fn, row.alertgroup_type, row.index);
-    }
     static int check_destroy(const char *fn, const oid *name, size_t name_len) {
         Row key{};
         if (parse(name, name_len, &key) != 0) {
-            note("%s : RESERVE1 -- indices not set properly\n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO, "%s : RESERVE1 -- indices not set properly\n", fn);
             return SNMP_ERR_INCONSISTENTVALUE;
         }
         return SNMP_ERR_NOERROR;
     }
 
     static int read_failed(const char *fn, int status) {
-        note("%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
+        callhome_trace(CALLHOME_TRACE_INFO,
+                       "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
         callhome_report_error(status);
         return to_snmp_error_code(status);
-    }
-    static void trace_retrieved(const char *fn, const Row &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Retrieve  entry (id = %d,%d ),from callHomeUsrDefCmd_list\n", fn,
-                       row.alertgroup_type, row.index);
     }
     /* A command row is created only together with its command. */
     static int complete_new_row(const char *fn, Row &row, bool listed) {
         if (!listed || row.cli_cmd[0] == '\0') {
-            note("%s : user_def_cmd NOT set \n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO, "%s : user_def_cmd NOT set \n", fn);
             return SNMP_ERR_INCONSISTENTVALUE;
         }
         return SNMP_ERR_NOERROR;
     }
 
     /* The service indexes commands by the type's name, so every request is rebuilt in its
-     * own layout; the command's number always comes from the OID. */
-    static int send_request(int msg_type, const Row &row, int32_t index) {
+     * own layout. */
+    static int send_request(int msg_type, const Row &row) {
         cmi_userdef_cli_cmd_t request;
         std::memset(&request, 0, sizeof request);
-        request.index = index;
+        request.index = row.index;
         callhome_copy_text(request.alertgroup_type, row.alertgroup_name);
         request.row_status = row.row_status;
         callhome_copy_text(request.cli_cmd, row.cli_cmd);
@@ -548,45 +525,43 @@ struct UserCmdTable {
                               CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
     }
     static int send_action(const char *fn, int msg_type, Row row) {
-        note("%s : ACTION - sending SET/delete REQ \n", fn);
-        int status = send_request(msg_type, row, row.index);
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION - sending SET/delete REQ \n", fn);
+        int status = send_request(msg_type, row);
         if (status == 0) {
-            note("%s : ACTION -- SET/DELETE REQ succeded\n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- SET/DELETE REQ succeded\n", fn);
             return SNMP_ERR_NOERROR;
         }
-        note("%s : ACTION -- SET/Delete REQ failed \n", fn);
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- SET/Delete REQ failed \n", fn);
         callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
-    static void send_undo(const char *fn, int msg_type, Row row, const Row &key) {
+    static void send_undo(const char *fn, int msg_type, Row row) {
         if (msg_type == SET_REQ) {
-            note("%s : UNDO -- sending SET REQ \n", fn);
+            callhome_trace(CALLHOME_TRACE_INFO, "%s : UNDO -- sending SET REQ \n", fn);
         }
-        send_request(msg_type, row, key.index);
+        send_request(msg_type, row);
     }
 };
 
-/* ---- The RowStatus row-write machine -------------------------------------------------- */
+/* ---- The RowStatus row-write machine --------------------------------------------------- */
 
 /* Keeps a copy of the row as the read handler found it, for UNDO. */
 template <class T> int keep_undo_copy(const char *fn, const oid *name, size_t name_len) {
     using Row = typename T::Row;
     auto *copy = static_cast<Row *>(malloc(sizeof(Row)));
     if (copy == nullptr) {
-        note(T::kUndoMallocFailed, fn, CALLHOME_TRACE_ERROR);
+        trace(T::kTexts.undo_malloc_failed, fn);
         callhome_report_error(CALLHOME_ERR_NO_MEMORY);
         return SNMP_ERR_GENERR;
     }
-    std::memcpy(copy, &T::current(), sizeof(Row));
-    T::terminate(*copy);
-    T::own_key(*copy, name, name_len);
+    T::undo_copy(*copy, name, name_len);
     if (!add_row(T::undo_list(), copy)) {
-        T::trace_undo_add_failed(fn, *copy);
+        T::trace_row(T::kTexts.undo_add_failed, fn, *copy);
         free(copy);
         callhome_report_error(CALLHOME_ERR_INDEX_ADD);
         return SNMP_ERR_GENERR;
     }
-    T::trace_undo_added(fn, *copy);
+    T::trace_row(T::kTexts.undo_added, fn, *copy);
     return SNMP_ERR_NOERROR;
 }
 
@@ -595,7 +570,7 @@ template <class T> int list_new_row(const char *fn, const oid *name, size_t name
     using Row = typename T::Row;
     auto *row = static_cast<Row *>(calloc(1, sizeof(Row)));
     if (row == nullptr) {
-        note(T::kMallocFailed, fn, CALLHOME_TRACE_ERROR);
+        trace(T::kTexts.malloc_failed, fn);
         callhome_report_error(CALLHOME_ERR_NO_MEMORY);
         return SNMP_ERR_GENERR;
     }
@@ -605,12 +580,12 @@ template <class T> int list_new_row(const char *fn, const oid *name, size_t name
         return rc;
     }
     if (!add_row(T::list(), row)) {
-        T::trace_add_failed(fn, *row);
+        T::trace_row(T::kTexts.add_failed, fn, *row);
         free(row);
         callhome_report_error(CALLHOME_ERR_INDEX_ADD);
         return SNMP_ERR_GENERR;
     }
-    T::trace_added(fn, *row);
+    T::trace_row(T::kTexts.added, fn, *row);
     return SNMP_ERR_NOERROR;
 }
 
@@ -618,23 +593,24 @@ template <class T>
 int row_status_reserve1(const char *fn, const u_char *var_val, u_char var_val_type,
                         size_t var_val_len, const u_char *statP, const oid *name, size_t name_len) {
     if (var_val_type != ASN_INTEGER) {
-        note(T::kWrongType, fn, T::kCheckLevel);
+        trace(T::kTexts.wrong_type, fn);
         return SNMP_ERR_WRONGTYPE;
     }
     if (!callhome_integer_length_ok(var_val_len)) {
-        note(T::kWrongLength, fn, T::kCheckLevel);
+        trace(T::kTexts.wrong_length, fn);
         return SNMP_ERR_WRONGLENGTH;
     }
     /* Rows are only ever created whole: createAndWait and the states it leads to are
-     * refused. */
+     * refused, so later phases see active, createAndGo and destroy only. */
     long value = callhome_integer_value(var_val, var_val_len);
     if (value != RS_ACTIVE && value != RS_CREATEANDGO && value != RS_DESTROY) {
-        note(T::kBadValue, fn);
+        trace(T::kTexts.bad_value, fn);
         return SNMP_ERR_INCONSISTENTVALUE;
     }
+    /* So a createAndGo never has an undo copy of its own. */
     bool exists = statP != nullptr;
     if (value == RS_CREATEANDGO && exists) {
-        note(T::kRowExists, fn, T::kRowExistsLevel);
+        trace(T::kTexts.row_exists, fn);
         return SNMP_ERR_INCONSISTENTVALUE;
     }
     if (exists) {
@@ -654,7 +630,7 @@ int row_status_reserve1(const char *fn, const u_char *var_val, u_char var_val_ty
             return rc;
         }
     }
-    note(T::kReserve1Done, fn);
+    trace(T::kTexts.reserve1_done, fn);
     return SNMP_ERR_NOERROR;
 }
 
@@ -667,17 +643,17 @@ int row_status_action(const char *fn, long value, const oid *name, size_t name_l
     int status = T::read_for_set(name, name_len, &row);
     int msg_type;
     if (status == CALLHOME_UNKNOWN_ENTRY) {
-        note(T::kActionUnknown, fn);
-        if (value == RS_ACTIVE || value == RS_NOTINSERVICE) {
+        trace(T::kTexts.action_unknown, fn);
+        if (value == RS_ACTIVE) {
             return SNMP_ERR_INCONSISTENTVALUE;
         }
         if (value == RS_DESTROY) {
             return SNMP_ERR_NOERROR; /* nothing to destroy */
         }
-        note(T::kActionNewRow, fn);
+        trace(T::kTexts.action_new_row, fn);
         const Row *listed = find_row(T::list(), row);
         if (listed != nullptr) {
-            T::trace_retrieved(fn, *listed);
+            T::trace_row(T::kTexts.retrieved, fn, *listed);
             std::memcpy(&row, listed, sizeof row);
         }
         int rc = T::complete_new_row(fn, row, listed != nullptr);
@@ -691,7 +667,7 @@ int row_status_action(const char *fn, long value, const oid *name, size_t name_l
     } else if (status != 0) {
         return T::read_failed(fn, status);
     } else {
-        if (value == RS_CREATEANDGO || value == RS_CREATEANDWAIT) {
+        if (value == RS_CREATEANDGO) {
             return SNMP_ERR_INCONSISTENTVALUE; /* the row came into being meanwhile */
         }
         msg_type = value == RS_DESTROY ? DELETE_REQ : SET_REQ;
@@ -707,12 +683,12 @@ void row_status_release(int action, const char *fn, long value, const oid *name,
     std::memset(&key, 0, sizeof key);
     T::parse(name, name_len, &key);
     if (action == COMMIT) {
-        note(T::kBeforeUndoRemove, fn);
+        trace(T::kTexts.before_undo_remove, fn);
     }
     drop_row(T::undo_list(), key);
     if (value == RS_CREATEANDGO) {
         if (action == COMMIT) {
-            note(T::kBeforeListRemove, fn);
+            trace(T::kTexts.before_list_remove, fn);
         }
         drop_row(T::list(), key);
     }
@@ -727,12 +703,7 @@ void row_status_undo(const char *fn, long value, const oid *name, size_t name_le
     std::memset(&key, 0, sizeof key);
     T::parse(name, name_len, &key);
     if (value == RS_CREATEANDGO) {
-        if (find_row(T::undo_list(), key) != nullptr) {
-            drop_row(T::undo_list(), key);
-            drop_row(T::list(), key);
-            return;
-        }
-        T::send_undo(fn, DELETE_REQ, key, key);
+        T::send_undo(fn, DELETE_REQ, key);
         drop_row(T::list(), key);
         return;
     }
@@ -740,17 +711,25 @@ void row_status_undo(const char *fn, long value, const oid *name, size_t name_le
     if (copy == nullptr) {
         return;
     }
-    T::send_undo(fn, SET_REQ, *copy, key);
+    T::send_undo(fn, SET_REQ, *copy);
     free(copy);
 }
 
+/* The RowStatus column of a table, one phase per call. The table's hooks, by phase:
+ *   RESERVE1  undo_copy (row exists), prepare_new_row (createAndGo), check_destroy (destroy)
+ *   RESERVE2  none: the column handlers fill in a row being created
+ *   ACTION    read_for_set, then read_failed, or complete_new_row (createAndGo) and
+ *             send_action
+ *   COMMIT, FREE  parse, to drop the listed row and the undo copy
+ *   UNDO      parse, send_undo (DELETE of a created row, SET of the undo copy)
+ * and every phase traces through kTexts and trace_row. */
 template <class T>
 int row_status_write(const char *fn, int action, u_char *var_val, u_char var_val_type,
                      size_t var_val_len, u_char *statP, const oid *name, size_t name_len) {
     if (action < RESERVE1 || action > UNDO) {
         return SNMP_ERR_NOERROR;
     }
-    note(T::phase_text(action), fn);
+    trace(T::kTexts.phase[action], fn);
     long value = callhome_integer_value(var_val, var_val_len);
     switch (action) {
     case RESERVE1:
@@ -761,7 +740,7 @@ int row_status_write(const char *fn, int action, u_char *var_val, u_char var_val
         if (statP != nullptr) {
             *statP = 1;
         }
-        note(T::kReserve2Done, fn);
+        trace(T::kTexts.reserve2_done, fn);
         return SNMP_ERR_NOERROR;
     case ACTION:
         return row_status_action<T>(fn, value, name, name_len);
@@ -777,15 +756,8 @@ int row_status_write(const char *fn, int action, u_char *var_val, u_char var_val
 
 /* ---- Destination profile columns ----------------------------------------------------- */
 
-/* What sets one writable column of the profile table apart from the others. */
-struct ProfileColumn {
-    u_char asn_type;
-    long min;
-    long max;
-    bool protect_builtin; /* the built-in profiles keep this column */
-    bool create_only;     /* writable only while the row is being created */
-    void (*store)(ProfileRow &row, long value);
-    void (*trace_send)(const char *fn, const ProfileRow &row); /* null: ACTION sends nothing */
+/* The lines one profile column traces, in the order of its phases. */
+struct ProfileColumnTexts {
     const char *wrong_type;
     const char *bad_length;
     const char *wrong_value;
@@ -793,18 +765,36 @@ struct ProfileColumn {
     const char *reserve2_not_set;
     const char *reserve2_setting;
     const char *reserve2_done;
-    const char *action_found;
+    const char *action_found; /* ACTION found the row and modifies it */
+    /* Takes the handler's name, then the row's name, transport method, format, size, row
+     * status and message level; a text shows the ones it names. */
+    const char *sending;
 };
+
+/* What sets one writable column of the profile table apart from the others. */
+struct ProfileColumn {
+    u_char asn_type;
+    long min;
+    long max;
+    bool protect_builtin; /* the built-in profiles keep this column */
+    bool create_only;     /* given only with the row's creation: ACTION sends nothing */
+    void (*store)(ProfileRow &row, long value);
+    ProfileColumnTexts texts;
+};
+
+void note(const char *text, const char *fn) {
+    callhome_trace(CALLHOME_TRACE_INFO, text, fn);
+}
 
 int profile_column_reserve1(const ProfileColumn &c, const char *fn, const u_char *var_val,
                             u_char var_val_type, size_t var_val_len, const oid *name,
                             size_t name_len) {
     if (var_val_type != c.asn_type) {
-        note(c.wrong_type, fn);
+        note(c.texts.wrong_type, fn);
         return SNMP_ERR_WRONGTYPE;
     }
     if (!callhome_integer_length_ok(var_val_len)) {
-        note(c.bad_length, fn);
+        note(c.texts.bad_length, fn);
         return SNMP_ERR_WRONGLENGTH;
     }
     long value = callhome_integer_value(var_val, var_val_len);
@@ -812,7 +802,7 @@ int profile_column_reserve1(const ProfileColumn &c, const char *fn, const u_char
         value = static_cast<long>(static_cast<u_long>(value) & 0xFFFFFFFFUL);
     }
     if (value < c.min || value > c.max) {
-        note(c.wrong_value, fn);
+        note(c.texts.wrong_value, fn);
         return SNMP_ERR_WRONGVALUE;
     }
     if (c.protect_builtin) {
@@ -826,7 +816,7 @@ int profile_column_reserve1(const ProfileColumn &c, const char *fn, const u_char
             return SNMP_ERR_NOTWRITABLE;
         }
     }
-    note(c.reserve1_done, fn);
+    note(c.texts.reserve1_done, fn);
     return SNMP_ERR_NOERROR;
 }
 
@@ -835,7 +825,7 @@ int profile_column_reserve2(const ProfileColumn &c, const char *fn, long value, 
                             size_t name_len) {
     ProfileRow key{};
     if (parse_profile(name, name_len, &key) != 0) {
-        note(c.reserve2_not_set, fn);
+        note(c.texts.reserve2_not_set, fn);
         return SNMP_ERR_INCONSISTENTVALUE;
     }
     ProfileRow *listed = find_row(callHomeDestProfileEntry_list, key);
@@ -844,10 +834,10 @@ int profile_column_reserve2(const ProfileColumn &c, const char *fn, long value, 
         return SNMP_ERR_NOTWRITABLE;
     }
     if (listed != nullptr) {
-        note(c.reserve2_setting, fn);
+        note(c.texts.reserve2_setting, fn);
         c.store(*listed, value);
     }
-    note(c.reserve2_done, fn);
+    note(c.texts.reserve2_done, fn);
     return SNMP_ERR_NOERROR;
 }
 
@@ -864,12 +854,14 @@ int profile_column_action(const ProfileColumn &c, const char *fn, long value, co
     if (status == CALLHOME_UNKNOWN_ENTRY) {
         return SNMP_ERR_NOSUCHNAME;
     }
-    if (status != 0 || c.trace_send == nullptr) {
+    if (status != 0 || c.create_only) {
         return SNMP_ERR_NOERROR;
     }
-    note(c.action_found, fn);
+    note(c.texts.action_found, fn);
     c.store(row, value);
-    c.trace_send(fn, row);
+    callhome_trace(CALLHOME_TRACE_INFO, c.texts.sending, fn, row.destination_profile_id,
+                   row.transport_method, row.format_method,
+                   static_cast<int>(row.maximum_message_size), row.row_status, row.msg_level);
     callHomeDestProfileEntry_hton(&row);
     return setTableObjects(CALLHOME_DEST_PROFILE_OPC, &row, sizeof row);
 }
@@ -891,98 +883,89 @@ int profile_column_write(const ProfileColumn &c, const char *fn, int action, u_c
     }
 }
 
+/* The texts, spelling and odd spacing included, are kept as operators know them. */
 const ProfileColumn kMsgFormatColumn = {
-    ASN_INTEGER,
-    1,
-    3,
-    true,
-    false,
-    [](ProfileRow &row, long v) { row.format_method = static_cast<int32_t>(v); },
-    [](const char *fn, const ProfileRow &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Sending SET req with destination_profile_id = %s,transport_method "
-                       "= %d, format_method = %d, maximum_message_size = %d, row_status = %d\n",
-                       fn, row.destination_profile_id, row.transport_method, row.format_method,
-                       static_cast<int>(row.maximum_message_size), row.row_status);
-    },
-    "%s : RESERVE1 -- type not ASN_INTEGER\n",
-    "%s : RESERVE1 -- bad length\n",
-    "%s : RESERVE1 -- wrong value \n",
-    "%s : RESERVE1 -- done \n",
-    "%s : RESERVE2 -- dest profile_id not set \n",
-    "%s : RESERVE2 -- setting format method \n",
-    "%s : RESERVE2 -- done \n",
-    "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n",
-};
+    .asn_type = ASN_INTEGER,
+    .min = 1,
+    .max = 3,
+    .protect_builtin = true,
+    .create_only = false,
+    .store = [](ProfileRow &row, long v) { row.format_method = static_cast<int32_t>(v); },
+    .texts = {
+        .wrong_type = "%s : RESERVE1 -- type not ASN_INTEGER\n",
+        .bad_length = "%s : RESERVE1 -- bad length\n",
+        .wrong_value = "%s : RESERVE1 -- wrong value \n",
+        .reserve1_done = "%s : RESERVE1 -- done \n",
+        .reserve2_not_set = "%s : RESERVE2 -- dest profile_id not set \n",
+        .reserve2_setting = "%s : RESERVE2 -- setting format method \n",
+        .reserve2_done = "%s : RESERVE2 -- done \n",
+        /* The line of a failed read, written here when the row was found. */
+        .action_found = "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n",
+        .sending = "%s : Sending SET req with destination_profile_id = %s,transport_method = "
+                   "%d, format_method = %d, maximum_message_size = %d, row_status = %d\n",
+    }};
 
 const ProfileColumn kMaxMsgSizeColumn = {
-    ASN_UNSIGNED,
-    0,
-    kMaxMessageSizeLimit,
-    false,
-    false,
-    [](ProfileRow &row, long v) { row.maximum_message_size = static_cast<uint32_t>(v); },
-    [](const char *fn, const ProfileRow &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Sending SET req with destination_profile_id= %s,transport_method = "
-                       "%d, format_method = %d, maximum_message_size = %d, row_status = %d\n",
-                       fn, row.destination_profile_id, row.transport_method, row.format_method,
-                       static_cast<int>(row.maximum_message_size), row.row_status);
-    },
-    "%s : RESERVE1 --write to callHomeDestProfileMaxMsgSize not ASN_UNSIGNED \n",
-    "%s : RESERVE1 -- write to callHomeDestProfileMaxMsgSize bad length \n",
-    "%s : RESERVE1 -- wrong value \n",
-    "%s : RESERVE1 -- done \n",
-    "%s : RESERVE2 -- destination profile_id not set \n",
-    "%s : RESERVE2 -- setting max msg size \n",
-    "%s : RESERVE2 -- done \n",
-    "%s : ACTION -- modifying existing ENTRY \n",
-};
+    .asn_type = ASN_UNSIGNED,
+    .min = 0,
+    .max = kMaxMessageSizeLimit,
+    .protect_builtin = false,
+    .create_only = false,
+    .store = [](ProfileRow &row, long v) { row.maximum_message_size = static_cast<uint32_t>(v); },
+    .texts = {
+        .wrong_type = "%s : RESERVE1 --write to callHomeDestProfileMaxMsgSize not ASN_UNSIGNED \n",
+        .bad_length = "%s : RESERVE1 -- write to callHomeDestProfileMaxMsgSize bad length \n",
+        .wrong_value = "%s : RESERVE1 -- wrong value \n",
+        .reserve1_done = "%s : RESERVE1 -- done \n",
+        .reserve2_not_set = "%s : RESERVE2 -- destination profile_id not set \n",
+        .reserve2_setting = "%s : RESERVE2 -- setting max msg size \n",
+        .reserve2_done = "%s : RESERVE2 -- done \n",
+        .action_found = "%s : ACTION -- modifying existing ENTRY \n",
+        .sending = "%s : Sending SET req with destination_profile_id= %s,transport_method = %d, "
+                   "format_method = %d, maximum_message_size = %d, row_status = %d\n",
+    }};
 
 /* The service knows one transport method; it is fixed when the row is created. */
 const ProfileColumn kTrnsprtMthdColumn = {
-    ASN_INTEGER,
-    1,
-    1,
-    false,
-    true,
-    [](ProfileRow &row, long v) { row.transport_method = static_cast<int32_t>(v); },
-    nullptr,
-    "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd not ASN_INTEGER \n",
-    "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd: bad length \n",
-    "%s : RESERVE1 -- wrong value \n",
-    "%s : RESERVE2 -- done \n",
-    "%s : RESERVE2 -- destination profile_id not set \n",
-    "%s : RESERVE2 -- setting trp method \n",
-    "%s : RESERVE2 -- done\n",
-    nullptr,
-};
+    .asn_type = ASN_INTEGER,
+    .min = 1,
+    .max = 1,
+    .protect_builtin = false,
+    .create_only = true,
+    .store = [](ProfileRow &row, long v) { row.transport_method = static_cast<int32_t>(v); },
+    .texts = {
+        .wrong_type = "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd not ASN_INTEGER \n",
+        .bad_length = "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd: bad length \n",
+        .wrong_value = "%s : RESERVE1 -- wrong value \n",
+        .reserve1_done = "%s : RESERVE2 -- done \n", /* RESERVE1's line says RESERVE2 */
+        .reserve2_not_set = "%s : RESERVE2 -- destination profile_id not set \n",
+        .reserve2_setting = "%s : RESERVE2 -- setting trp method \n",
+        .reserve2_done = "%s : RESERVE2 -- done\n",
+        .action_found = nullptr,
+        .sending = nullptr,
+    }};
 
 /* The service counts message levels from 0; the MIB from 1. */
 const ProfileColumn kMsgLevelColumn = {
-    ASN_INTEGER,
-    1,
-    10,
-    false,
-    false,
-    [](ProfileRow &row, long v) { row.msg_level = static_cast<int8_t>(v - 1); },
-    [](const char *fn, const ProfileRow &row) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : Sending SET req with destination_profile_id= %s,transport_method = "
-                       "%d, format_method = %d, maximum_message_size = %d, row_status = %d , "
-                       "msg_level = %d\n",
-                       fn, row.destination_profile_id, row.transport_method, row.format_method,
-                       static_cast<int>(row.maximum_message_size), row.row_status, row.msg_level);
-    },
-    "%s : RESERVE1 -- not ASN_INTEGER \n",
-    "%s : RESERVE1 -- bad length \n",
-    "%s : RESERVE1 -- wrong value \n",
-    "%s : RESERVE1 -- done \n",
-    "%s : RESERVE2 -- dest profile_id not set \n",
-    "%s : RESERVE2 -- setting msg level \n",
-    "%s : RESERVE2 -- done \n",
-    "%s : ACTION -- modifying existing entry \n",
-};
+    .asn_type = ASN_INTEGER,
+    .min = 1,
+    .max = 10,
+    .protect_builtin = false,
+    .create_only = false,
+    .store = [](ProfileRow &row, long v) { row.msg_level = static_cast<int8_t>(v - 1); },
+    .texts = {
+        .wrong_type = "%s : RESERVE1 -- not ASN_INTEGER \n",
+        .bad_length = "%s : RESERVE1 -- bad length \n",
+        .wrong_value = "%s : RESERVE1 -- wrong value \n",
+        .reserve1_done = "%s : RESERVE1 -- done \n",
+        .reserve2_not_set = "%s : RESERVE2 -- dest profile_id not set \n",
+        .reserve2_setting = "%s : RESERVE2 -- setting msg level \n",
+        .reserve2_done = "%s : RESERVE2 -- done \n",
+        .action_found = "%s : ACTION -- modifying existing entry \n",
+        .sending = "%s : Sending SET req with destination_profile_id= %s,transport_method = %d, "
+                   "format_method = %d, maximum_message_size = %d, row_status = %d , msg_level "
+                   "= %d\n",
+    }};
 
 } // namespace
 
