@@ -1,0 +1,43 @@
+// The admin commands as the service runs them (admin.hpp parses them): inspection (dump,
+// outbox), alert-group types, the distribution state and fault injection.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "callhome/admin.hpp"
+#include "callhome/service.hpp"
+#include "faults.hpp"
+#include "state.hpp"
+#include "storage.hpp"
+
+namespace callhome {
+
+class AdminCommands {
+  public:
+    AdminCommands(State &state, Storage &storage, Faults &faults)
+        : state_(state), storage_(storage), faults_(faults) {}
+
+    // (exit status, output text). A store failure throws, with nothing applied.
+    std::pair<int, std::string> run(const AdminCommand &c);
+
+    void set_notifier(Service::Notifier notifier) { notifier_ = std::move(notifier); }
+
+  private:
+    std::pair<int, std::string> distribution(bool enabled, uint32_t mode);
+    std::pair<int, std::string> group_add(const std::string &name);
+    std::pair<int, std::string> group_del(const std::string &name);
+    void notify(int32_t id, const std::vector<uint8_t> &payload);
+
+    State &state_;
+    Storage &storage_;
+    Faults &faults_;
+    Service::Notifier notifier_;
+};
+
+// `callhomectl dump`: the whole configuration as JSON.
+std::string dump_json(const State &state);
+// `callhomectl outbox`: the outbox as a JSON array, oldest first.
+std::string outbox_json(const std::vector<OutboxRow> &rows);
+
+} // namespace callhome

@@ -1,0 +1,84 @@
+// The configuration as the service serves it: every value the channel reads comes from here,
+// in memory. storage.hpp keeps a durable copy of it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "callhome_wire.h"
+
+namespace callhome {
+
+inline constexpr uint32_t kMaxTypes = 63; // every type index fits the module's 8-octet bit set
+inline constexpr const char *kAll = "all";
+
+// The info objects that can be set, by name.
+bool known_info(const std::string &name);
+// full_txt, xml and short_txt: created with the database, never deleted.
+bool is_builtin(const std::string &name);
+
+struct Profile {
+    int32_t transport = 1;
+    int32_t format = 1;
+    uint32_t max_size = 0;
+    int32_t row_status = 1;
+    int32_t level = 0;
+    std::map<int32_t, std::string> emails;
+    std::set<std::string> groups;
+};
+
+struct EmailConf {
+    std::string from, reply_to, receipt, server;
+    uint32_t type = CALLHOME_ADDR_DNS;
+    uint32_t port = 25;
+};
+
+struct Status {
+    uint32_t sec = 0, usec = 0;
+    uint32_t sent = 0;
+    uint32_t message_status = 2; // nothing sent yet
+    uint32_t error_code = 0;
+    std::string error_message;
+};
+
+struct Periodic {
+    uint32_t enable = 1;
+    uint32_t days = 7;
+    uint32_t minutes = 480;
+};
+
+using CmdKey = std::pair<uint32_t, int32_t>; // (type index, command index)
+
+// Profiles are ordered as the MIB orders their rows: a text index is encoded as its length,
+// then one arc per byte, so shorter names come first and names of one length compare byte by
+// byte (unsigned). Walks then see strictly increasing OIDs.
+struct OidOrder {
+    using is_transparent = void;
+    bool operator()(const std::string &a, const std::string &b) const {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    }
+};
+
+struct State {
+    bool enabled = false;
+    bool throttling = true;
+    std::map<std::string, std::string> info;
+    EmailConf email;
+    Status status;
+    Periodic periodic;
+    std::map<std::string, Profile, OidOrder> profiles;
+    std::map<uint32_t, std::string> types;
+    std::map<CmdKey, std::string> commands;
+    bool dist_enabled = false;
+    uint32_t dist_mode = 0;
+
+    std::optional<uint32_t> type_index(const std::string &name) const;
+    // Phone, e-mail and street address all set: someone can answer a message.
+    bool contact_complete() const;
+};
+
+} // namespace callhome

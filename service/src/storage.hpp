@@ -1,0 +1,87 @@
+// The durable copy of the configuration, in SQLite: the schema, loading it at start, and one
+// write per kind of change. The service changes its memory (state.hpp) only after the
+// matching write has committed, so what it serves is always what a restart would load.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "state.hpp"
+#include "store.hpp"
+
+namespace callhome {
+
+// A message waiting for delivery, as an alert action queues it.
+struct OutboxMessage {
+    int64_t sec = 0, usec = 0;
+    std::string profile, recipients;
+    int format = 0;
+    std::string subject, body;
+};
+
+// A row of the outbox as `callhomectl outbox` shows it.
+struct OutboxRow {
+    int64_t id = 0, sec = 0, usec = 0;
+    std::string profile, recipients;
+    int64_t format = 0;
+    std::string subject, body, state;
+    int64_t attempts = 0;
+    std::string last_error;
+};
+
+class Storage {
+  public:
+    // ":memory:" keeps everything in memory (tests). An empty database gets the schema and
+    // its defaults; then everything is loaded into `state`, which starts with the defaults.
+    // Throws std::runtime_error when the database can't be opened, created or read, or has
+    // a schema version this build does not know.
+    Storage(const std::string &path, State &state);
+
+    // Each change is one transaction, committed (durably) before returning; a failure throws
+    // and leaves the database as it was.
+    void put_info(const std::string &name, const std::string &value);
+    void erase_info(const std::string &name);
+    void put_enabled(bool on);
+    void put_throttling(bool on);
+    void put_email(const EmailConf &e);
+    void put_periodic(const Periodic &p);
+    void put_distribution(bool enabled, uint32_t mode);
+    // Queues the messages and records the status of the action in one step.
+    void queue(const std::vector<OutboxMessage> &messages, const Status &s);
+
+    void put_profile(const std::string &name, const Profile &p); // its addresses and groups stay
+    void erase_profile(const std::string &name);                 // with its addresses and groups
+    void put_address(const std::string &profile, int32_t idx, const std::string &address);
+    void erase_address(const std::string &profile, int32_t idx);
+    void put_group(const std::string &profile, const std::string &group);
+    void put_all_groups(const std::string &profile); // "all" replaces every group of the profile
+    void erase_group(const std::string &profile, const std::string &group);
+
+    void add_type(uint32_t idx, const std::string &name);
+    // Removes the type with the profiles' subscriptions to it and its user commands.
+    void erase_type(uint32_t idx, const std::string &name);
+    void put_command(const CmdKey &k, const std::string &command);
+    void erase_command(const CmdKey &k);
+
+    std::vector<OutboxRow> outbox();
+
+  private:
+    void create_schema();
+    void load(State &state);
+    // Writes the settings whose keys start with `prefix`, with their values in `values`
+    // (a copy: the table's fields are writable, for loading).
+    void save_settings(State values, std::string_view prefix);
+    void save_profile(const std::string &name, const Profile &p);
+    // Runs `write` in one transaction, committed (durably) before returning.
+    template <class F> void write_through(F &&write) {
+        db::Transaction tx(db_);
+        write();
+        tx.commit();
+    }
+
+    db::Database db_;
+};
+
+} // namespace callhome
