@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/testing.hpp"
+#include "platform/cmi_request.hpp"
 #include "state.hpp"
 #include "storage.hpp"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing.hpp"
+#include "platform/cmi_request.hpp"
 
 namespace callhome::codec {
 
