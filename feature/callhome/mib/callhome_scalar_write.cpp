@@ -430,9 +430,12 @@ int set_callHomeEmailMsgDispNotification(int action, u_char *var_val, u_char var
 
 int set_callHomeEnable(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
                        u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {"set_callHomeEnable", ASN_INTEGER, Sink::Trace,
-                                              "write to callHomeEnable not ASN_INTEGER\n",
-                                              "write to callHomeEnable: bad length\n"};
+    static constexpr IntegerChecks kChecks = {
+        .handler = "set_callHomeEnable",
+        .asn_type = ASN_INTEGER,
+        .sink = Sink::Trace,
+        .type_message = "write to callHomeEnable not ASN_INTEGER\n",
+        .length_message = "write to callHomeEnable: bad length\n"};
     if (action == RESERVE1) {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
@@ -452,9 +455,11 @@ int set_callHomeEnable(int action, u_char *var_val, u_char var_val_type, size_t 
 
 int set_MsgThrottlingEnable(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
                             u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {"set_MsgThrottlingEnable", ASN_INTEGER,
-                                              Sink::NamedTrace, "%s : type not ASN_INTEGER \n",
-                                              "%s : bad length \n"};
+    static constexpr IntegerChecks kChecks = {.handler = "set_MsgThrottlingEnable",
+                                              .asn_type = ASN_INTEGER,
+                                              .sink = Sink::NamedTrace,
+                                              .type_message = "%s : type not ASN_INTEGER \n",
+                                              .length_message = "%s : bad length \n"};
     if (action == RESERVE1) {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
@@ -479,9 +484,11 @@ int set_MsgThrottlingEnable(int action, u_char *var_val, u_char var_val_type, si
 int set_callHomeDeviceServicePriority(int action, u_char *var_val, u_char var_val_type,
                                       size_t var_val_len, u_char *, oid *, size_t) {
     static constexpr IntegerChecks kChecks = {
-        "set_callHomeDeviceServicePriority", ASN_INTEGER, Sink::Stderr,
-        "write to callHomeDeviceServicePriority not ASN_INTEGER\n",
-        "write to callHomeDeviceServicePriority: bad length\n"};
+        .handler = "set_callHomeDeviceServicePriority",
+        .asn_type = ASN_INTEGER,
+        .sink = Sink::Stderr,
+        .type_message = "write to callHomeDeviceServicePriority not ASN_INTEGER\n",
+        .length_message = "write to callHomeDeviceServicePriority: bad length\n"};
     if (action == RESERVE1) {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
@@ -504,9 +511,12 @@ int set_callHomeDeviceServicePriority(int action, u_char *var_val, u_char var_va
 
 int set_callHomeAlertAction(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
                             u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {"set_callHomeAlertAction", ASN_INTEGER, Sink::Stderr,
-                                              "write to callHomeAlertTest not ASN_INTEGER\n",
-                                              "write to callHomeAlertTest: bad length\n"};
+    static constexpr IntegerChecks kChecks = {
+        .handler = "set_callHomeAlertAction",
+        .asn_type = ASN_INTEGER,
+        .sink = Sink::Stderr,
+        .type_message = "write to callHomeAlertTest not ASN_INTEGER\n",
+        .length_message = "write to callHomeAlertTest: bad length\n"};
     // Indexed by the MIB value minus one; 1 is "no action".
     static constexpr const char *kActionNames[] = {"", "Test Call Home", "Inventory"};
     if (action == RESERVE1) {
@@ -543,9 +553,11 @@ int set_callHomeAlertAction(int action, u_char *var_val, u_char var_val_type, si
 int set_callHomeSmtpServerAddrType(int action, u_char *var_val, u_char var_val_type,
                                    size_t var_val_len, u_char *, oid *, size_t) {
     static constexpr IntegerChecks kChecks = {
-        "set_callHomeSmtpServerAddrType", ASN_INTEGER, Sink::Stderr,
-        "write to callHomeSmtpServerAddrType not ASN_INTEGER\n",
-        "write to callHomeSmtpServerAddrType: bad length\n"};
+        .handler = "set_callHomeSmtpServerAddrType",
+        .asn_type = ASN_INTEGER,
+        .sink = Sink::Stderr,
+        .type_message = "write to callHomeSmtpServerAddrType not ASN_INTEGER\n",
+        .length_message = "write to callHomeSmtpServerAddrType: bad length\n"};
     if (action > UNDO) {
         return SNMP_ERR_NOERROR;
     }
@@ -641,9 +653,12 @@ int set_callHomeSmtpServerAddr(int action, u_char *var_val, u_char var_val_type,
 
 int set_callHomeSmtpServerPort(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
                                u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {"set_callHomeSmtpServerPort", kAsnGauge, Sink::Stderr,
-                                              "write to callHomeSmtpServerPort not ASN_INTEGER\n",
-                                              "write to callHomeSmtpServerPort: bad length\n"};
+    static constexpr IntegerChecks kChecks = {
+        .handler = "set_callHomeSmtpServerPort",
+        .asn_type = kAsnGauge,
+        .sink = Sink::Stderr,
+        .type_message = "write to callHomeSmtpServerPort not ASN_INTEGER\n",
+        .length_message = "write to callHomeSmtpServerPort: bad length\n"};
     if (action == RESERVE1) {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
@@ -666,9 +681,11 @@ int set_callHomeSmtpServerPort(int action, u_char *var_val, u_char var_val_type,
 
 int set_PeriodicSwInventoryMsgEnable(int action, u_char *var_val, u_char var_val_type,
                                      size_t var_val_len, u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {"set_PeriodicSwInventoryMsgEnable", ASN_INTEGER,
-                                              Sink::NamedTrace, "%s : type not ASN_INTEGER \n",
-                                              "%s : bad length \n"};
+    static constexpr IntegerChecks kChecks = {.handler = "set_PeriodicSwInventoryMsgEnable",
+                                              .asn_type = ASN_INTEGER,
+                                              .sink = Sink::NamedTrace,
+                                              .type_message = "%s : type not ASN_INTEGER \n",
+                                              .length_message = "%s : bad length \n"};
     if (action == RESERVE1) {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
@@ -695,9 +712,11 @@ int set_PeriodicSwInventoryMsgEnable(int action, u_char *var_val, u_char var_val
 
 int set_PeriodicSwInventoryTimeFrame(int action, u_char *var_val, u_char var_val_type,
                                      size_t var_val_len, u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {"set_PeriodicSwInventoryTimeFrame", kAsnGauge,
-                                              Sink::NamedTrace, "%s : type not ASN_INTEGER \n",
-                                              "%s : bad length \n"};
+    static constexpr IntegerChecks kChecks = {.handler = "set_PeriodicSwInventoryTimeFrame",
+                                              .asn_type = kAsnGauge,
+                                              .sink = Sink::NamedTrace,
+                                              .type_message = "%s : type not ASN_INTEGER \n",
+                                              .length_message = "%s : bad length \n"};
     if (action == RESERVE1) {
         const int status = check_integer(kChecks, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
