@@ -272,12 +272,13 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
 
 namespace {
 
-/* The profile columns that are fields of the record, as the agent reads them. */
-struct ProfileColumn {
+/* The profile columns that are 32-bit fields of the record, as the agent reads them (the
+ * level and the alert groups are computed). */
+struct ProfileField {
     u_char magic;
     size_t offset;
 };
-constexpr ProfileColumn kProfileColumns[] = {
+constexpr ProfileField kProfileFields[] = {
     {CALLHOMEDESTPROFILEMSGFORMAT, offsetof(callHomeDestProfileEntry_t, format_method)},
     {CALLHOMEDESTPROFILEMAXMSGSIZE, offsetof(callHomeDestProfileEntry_t, maximum_message_size)},
     {CALLHOMEDESTPROFILETRNSPRTMTHD, offsetof(callHomeDestProfileEntry_t, transport_method)},
@@ -312,10 +313,10 @@ u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name, size_t *len
     }
 
     auto *record = reinterpret_cast<u_char *>(&callHomeDestProfileEntry);
-    for (const ProfileColumn &column : kProfileColumns) {
-        if (column.magic == vp->magic) {
+    for (const ProfileField &field : kProfileFields) {
+        if (field.magic == vp->magic) {
             *var_len = sizeof(int32_t);
-            return record + column.offset;
+            return record + field.offset;
         }
     }
     if (vp->magic == CALLHOMEDESTPROFILEMSGLEVEL) {
