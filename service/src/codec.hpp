@@ -51,12 +51,6 @@ template <class T> bool load(const Bytes &b, T &out) {
     return true;
 }
 
-// A scalar read needs no key: the request may carry the record (as the module sends it) or
-// nothing at all.
-template <class T> bool scalar_get_ok(const Bytes &b) {
-    return b.empty() || b.size() == sizeof(T);
-}
-
 inline platform::CmiReply answer(int32_t status) {
     platform::CmiReply r;
     r.status = status;
