@@ -2,6 +2,7 @@
 // user-defined commands, throttling and the cut at the maximum size.
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include "commands.hpp"
 #include "inventory.hpp"
 #include "message.hpp"
+#include "runner.hpp"
 #include "schedule.hpp"
 #include "throttle.hpp"
 
@@ -262,6 +264,23 @@ TEST(Commands, RunWithoutAShell) {
         EXPECT_EQ(0, access(path.c_str(), X_OK)) << path;
     }
     std::system(("rm -rf " + std::string(dir)).c_str());
+}
+
+TEST(Commands, RunnerWorksBesideTheCaller) {
+    commands::Runner runner({"/usr/bin/sleep", "/usr/bin/echo"}, {1000, 1024});
+    runner.submit({7, {"sleep 30", "echo done"}});
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(1u, runner.pending()); // submit returned at once
+    pollfd p{runner.fd(), POLLIN, 0};
+    ASSERT_EQ(1, poll(&p, 1, 10000));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    const auto done = runner.take();
+    ASSERT_EQ(1u, done.size());
+    EXPECT_EQ(7u, done[0].id);
+    ASSERT_EQ(2u, done[0].results.size());
+    EXPECT_TRUE(done[0].results[0].timed_out);
+    EXPECT_EQ("done\n", done[0].results[1].output);
+    EXPECT_EQ(0u, runner.pending());
 }
 
 // ---- throttling ----

@@ -1,0 +1,78 @@
+#include "runner.hpp"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace callhome::commands {
+
+Runner::Runner(std::vector<std::string> allowed, Limits limits)
+    : allowed_(std::move(allowed)), limits_(limits) {
+    event_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (event_fd_ < 0) {
+        throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
+    }
+    thread_ = std::thread([this] { work(); });
+}
+
+Runner::~Runner() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        stop_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+    ::close(event_fd_);
+}
+
+void Runner::submit(Job job) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        jobs_.push_back(std::move(job));
+    }
+    cv_.notify_all();
+}
+
+std::vector<Runner::Done> Runner::take() {
+    uint64_t n;
+    while (read(event_fd_, &n, sizeof n) < 0 && errno == EINTR) {
+    }
+    std::lock_guard<std::mutex> lock(mu_);
+    std::vector<Done> out;
+    out.swap(done_);
+    return out;
+}
+
+size_t Runner::pending() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return jobs_.size() + running_ + done_.size();
+}
+
+void Runner::work() {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+        cv_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
+        if (stop_) {
+            return;
+        }
+        Job job = std::move(jobs_.front());
+        jobs_.pop_front();
+        ++running_;
+        lock.unlock();
+        Done d{job.id, {}};
+        for (const auto &line : job.lines) {
+            d.results.push_back(run(line, allowed_, limits_));
+        }
+        lock.lock();
+        --running_;
+        done_.push_back(std::move(d));
+        const uint64_t one = 1;
+        while (write(event_fd_, &one, sizeof one) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+} // namespace callhome::commands
