@@ -14,10 +14,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "callhome_mib.h"
+#include "posix/pid_file.hpp"
 
 namespace {
 
@@ -51,32 +51,6 @@ void usage(std::FILE *out) {
                  "  -h          this help\n",
                  kApp, NETSNMP_AGENTX_SOCKET, kDefaultPingSeconds);
 }
-
-// The pid file exists while the subagent runs.
-class PidFile {
-  public:
-    explicit PidFile(std::string path) : path_(std::move(path)) {
-        if (path_.empty()) {
-            return;
-        }
-        std::ofstream f(path_, std::ios::trunc);
-        f << ::getpid() << "\n";
-        if (!f) {
-            snmp_log(LOG_ERR, "%s: can't write pid file %s\n", kApp, path_.c_str());
-            path_.clear();
-        }
-    }
-    PidFile(const PidFile &) = delete;
-    PidFile &operator=(const PidFile &) = delete;
-    ~PidFile() {
-        if (!path_.empty()) {
-            std::remove(path_.c_str());
-        }
-    }
-
-  private:
-    std::string path_;
-};
 
 bool parse_seconds(const char *text, int *out) {
     char *end = nullptr;
@@ -160,7 +134,10 @@ int main(int argc, char **argv) {
         snmp_log(LOG_ERR, "%s: can't go to the background\n", kApp);
         return 1;
     }
-    const PidFile pid(pidfile);
+    const posix::PidFile pid(pidfile);
+    if (!pid.ok()) {
+        snmp_log(LOG_ERR, "%s: can't write pid file %s\n", kApp, pidfile.c_str());
+    }
 
     struct sigaction sa {};
     sa.sa_handler = request_stop;

@@ -12,6 +12,8 @@
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include "posix/unique_fd.hpp"
+
 // A notification message as handlers see it (cmi.h keeps the type opaque).
 struct mts_msg {
     std::vector<uint8_t> buffer; // payload, zero-padded to at least 8 bytes, then a NUL
@@ -20,35 +22,7 @@ struct mts_msg {
 
 namespace platform::detail {
 
-// Owns one file descriptor.
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    void reset() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-
-  private:
-    int fd_ = -1;
-};
+using UniqueFd = posix::UniqueFd;
 
 // The path the channel and the listener connect to (set_socket_path or the default).
 std::string socket_path();

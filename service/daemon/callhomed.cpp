@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -12,6 +11,7 @@
 #include "platform/paths.hpp"
 #include "callhome/server.hpp"
 #include "callhome/service.hpp"
+#include "posix/pid_file.hpp"
 
 namespace {
 
@@ -24,32 +24,6 @@ const char kUsage[] = "usage: callhomed [--socket PATH] [--db PATH] [--pidfile P
                       "                  ~/.local/state/callhome/callhome.db)\n"
                       "  --pidfile PATH  write the process id there while running\n"
                       "Runs in the foreground and logs to stderr; SIGTERM or SIGINT stops it.\n";
-
-// Removes the pid file when the daemon leaves, whichever way it leaves.
-class PidFile {
-  public:
-    explicit PidFile(std::string path) : path_(std::move(path)) {
-        if (path_.empty()) {
-            return;
-        }
-        callhome::make_parent_dirs(path_);
-        std::ofstream out(path_, std::ios::trunc);
-        out << getpid() << "\n";
-        if (!out) {
-            throw std::runtime_error("cannot write pid file " + path_);
-        }
-    }
-    ~PidFile() {
-        if (!path_.empty()) {
-            unlink(path_.c_str());
-        }
-    }
-    PidFile(const PidFile &) = delete;
-    PidFile &operator=(const PidFile &) = delete;
-
-  private:
-    std::string path_;
-};
 
 } // namespace
 
@@ -95,7 +69,13 @@ int main(int argc, char **argv) {
         }
         callhome::Service service(db_path);
         callhome::Server server(service, socket_path);
-        PidFile pid(pidfile);
+        if (!pidfile.empty()) {
+            callhome::make_parent_dirs(pidfile);
+        }
+        const posix::PidFile pid(pidfile);
+        if (!pid.ok()) {
+            throw std::runtime_error("cannot write pid file " + pidfile);
+        }
         std::cerr << "callhomed: serving " << socket_path << " (database " << db_path << ")\n";
         server.run(sfd.get());
         std::cerr << "callhomed: stopping\n";

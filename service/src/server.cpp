@@ -64,13 +64,6 @@ platform::CmiRequest to_request(const fr::Frame &f) {
 
 } // namespace
 
-void UniqueFd::reset(int fd) {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-    fd_ = fd;
-}
-
 Server::Server(Service &service, std::string socket_path)
     : service_(service), path_(std::move(socket_path)) {
     const sockaddr_un addr = address_of(path_);

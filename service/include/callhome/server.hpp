@@ -11,35 +11,11 @@
 
 #include "callhome/service.hpp"
 #include "platform/frame.hpp"
+#include "posix/unique_fd.hpp"
 
 namespace callhome {
 
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&o) noexcept : fd_(o.release()) {}
-    UniqueFd &operator=(UniqueFd &&o) noexcept {
-        if (this != &o) {
-            reset(o.release());
-        }
-        return *this;
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1);
-    explicit operator bool() const { return fd_ >= 0; }
-
-  private:
-    int fd_ = -1;
-};
+using UniqueFd = posix::UniqueFd;
 
 class Server {
   public:
