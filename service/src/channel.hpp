@@ -4,7 +4,8 @@
 // One handler per opcode; channel.cpp routes to them, and the handlers of one family share a
 // file: channel_scalars.cpp (info, e-mail, switches, periodic inventory, status),
 // channel_alert.cpp (alert actions), channel_profiles.cpp (profiles, their addresses and
-// alert groups), channel_types.cpp (alert-group types and user commands).
+// alert groups), channel_types.cpp (alert-group types and user commands). Tables and
+// whole-record scalars are small structs of their rules served by the skeletons in serve.hpp.
 #pragma once
 
 #include <cstdint>
