@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -23,6 +24,7 @@ namespace {
 namespace fr = platform::frame;
 
 constexpr int kReplyTimeoutMs = 30000;
+constexpr size_t kMaxAlertBody = 60 * 1024;
 
 const char kHelp[] =
     "usage: callhomectl [--socket PATH] COMMAND...\n"
@@ -40,6 +42,10 @@ const char kHelp[] =
     "  fault drop OPCODE [--type N] [--count N]\n"
     "                    the next N requests are never answered\n"
     "  fault clear       remove every armed fault\n"
+    "  alert GROUP [--severity N] [--subject TEXT] BODY\n"
+    "                    queue an alert of alert-group type GROUP for every active profile\n"
+    "                    subscribed to it (or to all) whose level is at most N (1..10,\n"
+    "                    default 5); BODY - reads the body from standard input\n"
     "\n"
     "OPCODE is a number or a name such as CALLHOME_INFO_OPC; STATUS is decimal, hex\n"
     "(0x403B0019) or -1. --type limits a fault to one message type (1..6), --count sets N\n"
@@ -63,6 +69,36 @@ int unreachable(const std::string &path, const std::string &why) {
     std::cerr << "callhomectl: cannot reach the call-home service at " << path << ": " << why
               << "\n";
     return 1;
+}
+
+// `alert ... -` takes its body from standard input (a log watcher's pipe), up to what one
+// request carries.
+bool read_alert_body(std::vector<std::string> &args) {
+    if (args.empty() || args[0] != "alert") {
+        return true;
+    }
+    size_t positional = 0;
+    for (size_t i = 1; i < args.size(); ++i) {
+        if (args[i] == "--severity" || args[i] == "--subject") {
+            ++i;
+            continue;
+        }
+        if (++positional == 2 && args[i] == "-") {
+            std::string body;
+            char buf[4096];
+            size_t n;
+            while ((n = fread(buf, 1, sizeof buf, stdin)) > 0) {
+                body.append(buf, n);
+                if (body.size() > kMaxAlertBody) {
+                    std::cerr << "callhomectl: the alert's body is longer than " << kMaxAlertBody
+                              << " bytes\n";
+                    return false;
+                }
+            }
+            args[i] = body;
+        }
+    }
+    return true;
 }
 
 } // namespace
@@ -91,6 +127,9 @@ int main(int argc, char **argv) {
     if (auto parsed = callhome::parse_admin(args);
         auto *err = std::get_if<callhome::AdminUsageError>(&parsed)) {
         std::cerr << "callhomectl: " << err->message << "(callhomectl --help explains more)\n";
+        return 2;
+    }
+    if (!read_alert_body(args)) {
         return 2;
     }
     if (path.empty()) {

@@ -18,7 +18,8 @@ const char *const kAdminUsage = "commands:\n"
                                 "  fault status OPCODE STATUS [--type N] [--count N]\n"
                                 "  fault delay OPCODE MILLISECONDS [--type N] [--count N]\n"
                                 "  fault drop OPCODE [--type N] [--count N]\n"
-                                "  fault clear\n";
+                                "  fault clear\n"
+                                "  alert GROUP [--severity N] [--subject TEXT] BODY\n";
 
 namespace {
 
@@ -76,6 +77,35 @@ std::variant<AdminCommand, AdminUsageError> parse_admin(const std::vector<std::s
             return usage(verb + " takes no arguments");
         }
         cmd.op = verb == "ping" ? Op::Ping : verb == "dump" ? Op::Dump : Op::Outbox;
+        return cmd;
+    }
+    if (verb == "alert") {
+        const char *const form = "usage: alert GROUP [--severity N] [--subject TEXT] BODY";
+        cmd.op = Op::Alert;
+        std::vector<std::string> rest;
+        for (size_t i = 1; i < n; ++i) {
+            if (args[i] == "--severity" || args[i] == "--subject") {
+                if (i + 1 >= n) {
+                    return usage(std::string(form) + " (" + args[i] + " needs a value)");
+                }
+                if (args[i] == "--subject") {
+                    cmd.subject = args[++i];
+                    continue;
+                }
+                const auto v = parse_number(args[++i]);
+                if (!v || *v < 1 || *v > 10) {
+                    return usage(std::string(form) + " (N from 1 to 10)");
+                }
+                cmd.severity = int(*v);
+                continue;
+            }
+            rest.push_back(args[i]);
+        }
+        if (rest.size() != 2) {
+            return usage(form);
+        }
+        cmd.name = rest[0];
+        cmd.text = rest[1];
         return cmd;
     }
     if (verb == "group") {

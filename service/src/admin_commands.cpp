@@ -1,6 +1,7 @@
 #include "admin_commands.hpp"
 
 #include <cstring>
+#include <ctime>
 
 #include "callhome_wire.h"
 #include "platform/frame.hpp"
@@ -26,7 +27,9 @@ std::pair<int, std::string> AdminCommands::run(const AdminCommand &c) {
     case Op::Ping:
         return {0, "ok\n"};
     case Op::Dump:
-        return {0, dump_json(state_)};
+        return {0, dump_json(state_, [this](json::Writer &w) { dump_messages(w); })};
+    case Op::Alert:
+        return alert(c);
     case Op::Outbox:
         return {0, outbox_json(storage_.outbox())};
     case Op::GroupAdd:
@@ -53,6 +56,40 @@ std::pair<int, std::string> AdminCommands::run(const AdminCommand &c) {
     }
     }
     return {2, kAdminUsage};
+}
+
+std::pair<int, std::string> AdminCommands::alert(const AdminCommand &c) {
+    const auto o = dispatcher_.alert({c.name, c.severity, c.subject, c.text});
+    if (o.queued + o.throttled == 0) {
+        return {1, "alert not queued: " + o.error + "\n"};
+    }
+    return {0, "alert queued for " + std::to_string(o.queued) + " profile(s)" +
+                   (o.throttled ? ", throttled for " + std::to_string(o.throttled) : "") + "\n"};
+}
+
+void AdminCommands::dump_messages(json::Writer &w) {
+    const auto s = dispatcher_.inventory_schedule();
+    w.key("inventory_schedule").begin_object();
+    w.field("next_due_sec", s.next_due);
+    char text[32] = "";
+    const time_t t = time_t(s.next_due);
+    tm local{};
+    if (s.next_due != 0 && localtime_r(&t, &local)) {
+        strftime(text, sizeof text, "%Y-%m-%d %H:%M %z", &local);
+    }
+    w.field("next_due", std::string(text));
+    w.field("last_run_sec", s.last_run);
+    w.end_object();
+    w.key("throttling_counters").begin_array();
+    for (const auto &[key, c] : dispatcher_.throttle_counters()) {
+        w.begin_object()
+            .field("profile", key.first)
+            .field("alert_group", key.second)
+            .field("last_hour", c.in_window)
+            .field("throttled", c.throttled)
+            .end_object();
+    }
+    w.end_array();
 }
 
 void AdminCommands::notify(int32_t id, const Bytes &payload) {

@@ -4,7 +4,7 @@
 
 namespace callhome {
 
-std::string dump_json(const State &s) {
+std::string dump_json(const State &s, const std::function<void(json::Writer &)> &more) {
     json::Writer w;
     w.begin_object();
     w.field("enabled", s.enabled);
@@ -77,6 +77,9 @@ std::string dump_json(const State &s) {
     w.field("enabled", s.dist_enabled);
     w.field("mode", s.dist_mode);
     w.end_object();
+    if (more) {
+        more(w);
+    }
     w.end_object();
     return w.str();
 }

@@ -127,11 +127,15 @@ void Server::run(int stop_fd) {
             }
         }
         conns_.remove_if([](const Conn &c) { return c.dead; });
+        if (const int ms = service_.timeout_ms(); ms >= 0) {
+            timeout = timeout < 0 ? ms : std::min(timeout, ms);
+        }
 
         fds.clear();
         polled.clear();
         fds.push_back({stop_fd, POLLIN, 0});
         fds.push_back({listen_.get(), POLLIN, 0});
+        fds.push_back({service_.event_fd(), POLLIN, 0});
         for (Conn &c : conns_) {
             short events = POLLIN;
             if (!c.outbox.empty()) {
@@ -152,9 +156,10 @@ void Server::run(int stop_fd) {
         if (fds[1].revents & POLLIN) {
             accept_clients();
         }
+        service_.on_event();
         for (size_t i = 0; i < polled.size(); ++i) {
             Conn &c = *polled[i];
-            const short re = fds[i + 2].revents;
+            const short re = fds[i + 3].revents;
             if (re & POLLOUT) {
                 flush(c);
             }

@@ -3,9 +3,12 @@
 // (admin_commands.hpp) and fault injection (faults.hpp).
 #include "callhome/service.hpp"
 
+#include <iostream>
+
 #include "admin_commands.hpp"
 #include "channel.hpp"
 #include "codec.hpp"
+#include "dispatch.hpp"
 #include "faults.hpp"
 #include "state.hpp"
 #include "storage.hpp"
@@ -14,10 +17,12 @@ namespace callhome {
 
 struct Service::Impl {
     explicit Impl(const std::string &path)
-        : storage(path, state), channel(state, storage), admin(state, storage, faults) {}
+        : storage(path, state), dispatcher(state, storage, commands::default_allowed()),
+          channel(state, storage), admin(state, storage, faults, dispatcher) {}
 
     State state; // before storage, which loads it
     Storage storage;
+    Dispatcher dispatcher;
     Faults faults;
     Channel channel;
     AdminCommands admin;
@@ -53,6 +58,26 @@ std::pair<int, std::string> Service::admin(const std::vector<std::string> &args)
     } catch (const std::exception &e) {
         return {1, std::string("command failed: ") + e.what() + "\n"};
     }
+}
+
+int Service::event_fd() const {
+    return impl_->dispatcher.fd();
+}
+
+int Service::timeout_ms() {
+    return impl_->dispatcher.timeout_ms();
+}
+
+void Service::on_event() {
+    try {
+        impl_->dispatcher.on_event();
+    } catch (const std::exception &e) {
+        std::cerr << "callhomed: sending by itself failed: " << e.what() << "\n";
+    }
+}
+
+void Service::set_clock(std::function<int64_t()> clock) {
+    impl_->dispatcher.set_clock(std::move(clock));
 }
 
 void Service::set_notifier(Notifier notifier) {

@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "schedule.hpp"
 #include "state.hpp"
 #include "store.hpp"
 
@@ -19,6 +21,7 @@ struct OutboxMessage {
     std::string profile, recipients;
     int format = 0;
     std::string subject, body;
+    std::string state = "queued"; // or "composing", "throttled"
 };
 
 // A row of the outbox as `callhomectl outbox` shows it.
@@ -66,6 +69,17 @@ class Storage {
     void erase_command(const CmdKey &k);
 
     std::vector<OutboxRow> outbox();
+
+    // The messages the service sends by itself (storage_messages.cpp). Queues the messages
+    // and, when given, the periodic inventory's schedule in one step; returns their ids.
+    std::vector<int64_t> queue_messages(const std::vector<OutboxMessage> &messages,
+                                        const schedule::State *sched);
+    // A composing message is complete: queued for delivery with its final text.
+    void complete_message(int64_t id, const std::string &subject, const std::string &body);
+    // After a restart: composing messages go as they were queued.
+    void release_composing();
+    void put_schedule(const schedule::State &sched);
+    std::optional<schedule::State> schedule_state();
 
   private:
     void create_schema();

@@ -22,6 +22,7 @@ struct AdminCommand {
         FaultDelay,
         FaultDrop,
         FaultClear,
+        Alert,
     };
     Op op = Op::Ping;
     std::string name;        // group add/del
@@ -32,6 +33,9 @@ struct AdminCommand {
     int count = 1;           // fault: how many requests it applies to
     int32_t status = 0;      // fault status
     int delay_ms = 0;        // fault delay
+    int severity = 5;        // alert: 1..10
+    std::string subject;     // alert
+    std::string text;        // alert: the body
 };
 
 struct AdminUsageError {

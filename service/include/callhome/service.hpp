@@ -44,6 +44,15 @@ class Service {
     // Called for every platform notification the service emits.
     void set_notifier(Notifier notifier);
 
+    // The event loop's side of the messages the service sends by itself (the periodic
+    // inventory, finished commands): poll event_fd() for reading, wait at most timeout_ms()
+    // (-1: no limit), then call on_event().
+    int event_fd() const;
+    int timeout_ms();
+    void on_event();
+    // Tests: the wall clock (epoch seconds) the schedule and throttling use.
+    void set_clock(std::function<int64_t()> clock);
+
     // For the daemon, which applies delays and drops itself: takes the fault (if any) that
     // matches the request, counting it down, and answers the request without fault checks.
     FaultAction take_fault(int opcode, int msg_type);

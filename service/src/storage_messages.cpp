@@ -1,0 +1,82 @@
+// Storage of the messages the service sends by itself and of the periodic inventory's
+// schedule (settings keys inventory.*).
+#include "storage.hpp"
+
+namespace callhome {
+namespace {
+
+// Throttled messages are counted, never sent: keep only the newest of them.
+constexpr int64_t kKeepThrottled = 1000;
+
+void save_schedule(db::Database &db, const schedule::State &s) {
+    const std::pair<const char *, int64_t> keys[] = {
+        {"inventory.next_due", s.next_due},
+        {"inventory.last_run", s.last_run},
+        {"inventory.basis_enable", s.basis.enable ? 1 : 0},
+        {"inventory.basis_days", s.basis.days},
+        {"inventory.basis_minutes", s.basis.minutes},
+    };
+    for (const auto &[key, value] : keys) {
+        db.exec("INSERT OR REPLACE INTO settings(key, value) VALUES(?, ?)",
+                {std::string(key), value});
+    }
+}
+
+} // namespace
+
+std::vector<int64_t> Storage::queue_messages(const std::vector<OutboxMessage> &messages,
+                                             const schedule::State *sched) {
+    std::vector<int64_t> ids;
+    write_through([&] {
+        for (const auto &m : messages) {
+            db_.exec("INSERT INTO outbox(created_sec, created_usec, profile, recipients, "
+                     "format, subject, body, state) VALUES(?, ?, ?, ?, ?, ?, ?, ?)",
+                     {m.sec, m.usec, m.profile, m.recipients, int64_t(m.format), m.subject, m.body,
+                      m.state});
+            db_.query("SELECT last_insert_rowid()", {},
+                      [&](const db::Row &r) { ids.push_back(r.integer(0)); });
+        }
+        db_.exec("DELETE FROM outbox WHERE state = 'throttled' AND id NOT IN (SELECT id FROM "
+                 "outbox WHERE state = 'throttled' ORDER BY id DESC LIMIT ?)",
+                 {kKeepThrottled});
+        if (sched) {
+            save_schedule(db_, *sched);
+        }
+    });
+    return ids;
+}
+
+void Storage::complete_message(int64_t id, const std::string &subject, const std::string &body) {
+    write_through([&] {
+        db_.exec("UPDATE outbox SET subject = ?, body = ?, state = 'queued' WHERE id = ? AND "
+                 "state = 'composing'",
+                 {subject, body, id});
+    });
+}
+
+void Storage::release_composing() {
+    write_through(
+        [&] { db_.exec("UPDATE outbox SET state = 'queued' WHERE state = 'composing'"); });
+}
+
+void Storage::put_schedule(const schedule::State &sched) {
+    write_through([&] { save_schedule(db_, sched); });
+}
+
+std::optional<schedule::State> Storage::schedule_state() {
+    std::map<std::string, int64_t> v;
+    db_.query("SELECT key, value FROM settings WHERE key LIKE 'inventory.%'", {},
+              [&](const db::Row &r) { v[r.text(0)] = r.integer(1); });
+    if (!v.count("inventory.next_due")) {
+        return std::nullopt;
+    }
+    schedule::State s;
+    s.next_due = v["inventory.next_due"];
+    s.last_run = v["inventory.last_run"];
+    s.basis.enable = v["inventory.basis_enable"] != 0;
+    s.basis.days = uint32_t(v["inventory.basis_days"]);
+    s.basis.minutes = uint32_t(v["inventory.basis_minutes"]);
+    return s;
+}
+
+} // namespace callhome
