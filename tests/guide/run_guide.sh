@@ -91,6 +91,12 @@ expect "alert groups read back" 'callHomeAlertGroups."ops" = Hex-STRING: 09 00 0
 expect "the test message is in the outbox" "oncall@example.com"
 expect "the message status says sent" "callHomeMessageStatus.0 = INTEGER: sent(1)"
 expect "one message counted" "callHomeAlertsSentCount.0 = Counter32: 1"
+expect "an alert below a profile's level reaches nobody" "not queued"
+expect "the stdin form queues an alert" "alert queued for 1 profile(s)"
+expect "command output is attached" "--- uname -s (exit status 0)"
+expect "a command not allowed is not run" "not run: rm is not in allowed_commands"
+expect "the 31st alert within an hour is throttled" "throttled for 1"
+expect "dump shows the inventory's next due time" '"next_due": "'
 expect "the notification names the new type" "callHomeAlertGroupTypeName.8 = STRING: Security"
 expect "the configuration survives a restart" "callHomeSiteId.0 = STRING: lab 3"
 expect "module traces reach the subagent's log" "callhome: get_using_cmi"
