@@ -31,6 +31,7 @@ struct Channel {
     std::string path; // empty: default_socket_path()
     UniqueFd fd;
     uint32_t seq = 0;
+    int connect_err = 0;     // the last failure logged, so that a down service is logged once
     std::vector<uint8_t> rx; // kMaxFrame + 1 so an oversized answer shows as truncated
 };
 
@@ -59,8 +60,22 @@ int ensure_connected(Channel &c) {
     if (c.fd) {
         return 0;
     }
-    c.fd = connect_seqpacket(c.path.empty() ? default_socket_path() : c.path);
-    return c.fd ? 0 : errno;
+    const std::string path = c.path.empty() ? default_socket_path() : c.path;
+    std::string why = per_user_dir_problem(path);
+    if (why.empty()) {
+        c.fd = connect_seqpacket(path);
+        if (c.fd) {
+            c.connect_err = 0;
+            return 0;
+        }
+    }
+    const int err = why.empty() ? errno : EACCES;
+    if (err != c.connect_err) {
+        snmp_log(LOG_ERR, "callhome: cannot reach the call-home service at %s: %s\n", path.c_str(),
+                 why.empty() ? std::strerror(err) : why.c_str());
+        c.connect_err = err;
+    }
+    return err;
 }
 
 CmiReply socket_round_trip(const CmiRequest &r) {

@@ -35,6 +35,7 @@ const char kHelp[] =
     "  group add NAME    add an alert-group type (lowest free index)\n"
     "  group del NAME    remove an alert-group type, its memberships and commands\n"
     "  distribution on|off [mode N]\n"
+    "  fault ...         (only when callhomed runs with --enable-fault-injection)\n"
     "  fault status OPCODE STATUS [--type N] [--count N]\n"
     "                    the next N requests answer STATUS and change nothing\n"
     "  fault delay OPCODE MILLISECONDS [--type N] [--count N]\n"
@@ -62,8 +63,10 @@ const char kHelp[] =
     "state, attempts, last_error.\n"
     "\n"
     "Exit status: the service's (0 success, 1 refused), 2 usage error, 1 service\n"
-    "unreachable. The socket defaults to $CALLHOME_SOCKET, else\n"
-    "$XDG_RUNTIME_DIR/callhome/callhomed.sock, else /tmp/callhome-<uid>/callhomed.sock.\n";
+    "unreachable. The socket: --socket PATH, else $CALLHOME_SOCKET, else\n"
+    "/run/callhome/callhomed.sock when it exists, else\n"
+    "$XDG_RUNTIME_DIR/callhome/callhomed.sock, else /tmp/callhome-<uid>/callhomed.sock\n"
+    "(whose directory must be this user's and mode 0700).\n";
 
 int unreachable(const std::string &path, const std::string &why) {
     std::cerr << "callhomectl: cannot reach the call-home service at " << path << ": " << why
@@ -134,6 +137,10 @@ int main(int argc, char **argv) {
     }
     if (path.empty()) {
         path = platform::default_socket_path();
+    }
+    // Another user could have made the per-user default directory and listen there.
+    if (auto why = platform::per_user_dir_problem(path); !why.empty()) {
+        return unreachable(path, why);
     }
 
     sockaddr_un addr{};

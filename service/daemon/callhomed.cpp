@@ -1,8 +1,10 @@
 // callhomed: the call-home service daemon.
 #include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -16,24 +18,36 @@
 namespace {
 
 const char kUsage[] = "usage: callhomed [--socket PATH] [--db PATH] [--pidfile PATH]\n"
-                      "  --socket PATH   listening socket (default: $CALLHOME_SOCKET, else\n"
-                      "                  $XDG_RUNTIME_DIR/callhome/callhomed.sock, else\n"
-                      "                  /tmp/callhome-<uid>/callhomed.sock)\n"
+                      "                [--enable-fault-injection]\n"
+                      "  --socket PATH   listening socket, mode 0660; its directory must be\n"
+                      "                  writable by this user only (default: $CALLHOME_SOCKET,\n"
+                      "                  else $XDG_RUNTIME_DIR/callhome/callhomed.sock, else\n"
+                      "                  /tmp/callhome-<uid>/callhomed.sock, whose directory\n"
+                      "                  must be this user's and mode 0700)\n"
                       "  --db PATH       configuration database (default:\n"
                       "                  $XDG_STATE_HOME/callhome/callhome.db, else\n"
                       "                  ~/.local/state/callhome/callhome.db)\n"
                       "  --pidfile PATH  write the process id there while running\n"
-                      "Runs in the foreground and logs to stderr; SIGTERM or SIGINT stops it.\n";
+                      "  --enable-fault-injection\n"
+                      "                  accept callhomectl's fault commands (for tests only)\n"
+                      "Only root, this user and members of this user's group may connect.\n"
+                      "Runs in the foreground and logs to stderr; tells systemd when it is\n"
+                      "ready (Type=notify); SIGTERM or SIGINT stops it.\n";
 
 } // namespace
 
 int main(int argc, char **argv) {
     std::string socket_path, db_path, pidfile;
+    bool fault_injection = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             std::cout << kUsage;
             return 0;
+        }
+        if (a == "--enable-fault-injection") {
+            fault_injection = true;
+            continue;
         }
         if ((a == "--socket" || a == "--db" || a == "--pidfile") && i + 1 < argc) {
             (a == "--socket" ? socket_path : a == "--db" ? db_path : pidfile) = argv[++i];
@@ -43,7 +57,8 @@ int main(int argc, char **argv) {
         return 2;
     }
     if (socket_path.empty()) {
-        socket_path = platform::default_socket_path();
+        const char *env = std::getenv("CALLHOME_SOCKET");
+        socket_path = env != nullptr && *env != '\0' ? env : platform::per_user_socket_path();
     }
     if (db_path.empty()) {
         db_path = callhome::default_db_path();
@@ -69,6 +84,7 @@ int main(int argc, char **argv) {
         }
         callhome::Service service(db_path);
         callhome::Server server(service, socket_path);
+        server.enable_fault_injection(fault_injection);
         if (!pidfile.empty()) {
             callhome::make_parent_dirs(pidfile);
         }
@@ -76,8 +92,11 @@ int main(int argc, char **argv) {
         if (!pid.ok()) {
             throw std::runtime_error("cannot write pid file " + pidfile);
         }
-        std::cerr << "callhomed: serving " << socket_path << " (database " << db_path << ")\n";
+        std::cerr << "callhomed: serving " << socket_path << " (database " << db_path << ")"
+                  << (fault_injection ? ", fault injection on" : "") << "\n";
+        sd_notify(0, "READY=1");
         server.run(sfd.get());
+        sd_notify(0, "STOPPING=1");
         std::cerr << "callhomed: stopping\n";
     } catch (const std::exception &e) {
         std::cerr << "callhomed: " << e.what() << "\n";

@@ -11,7 +11,9 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "callhome/access.hpp"
 #include "callhome/paths.hpp"
+#include "platform/paths.hpp"
 #include "callhome/protocol.hpp"
 
 namespace callhome {
@@ -70,6 +72,12 @@ Server::Server(Service &service, std::string socket_path)
     if (!make_parent_dirs(path_)) {
         fail("create directory for " + path_);
     }
+    // Whoever can write the directory could swap the socket under the clients.
+    const std::string dir = path_.substr(0, std::max<size_t>(path_.rfind('/'), 1));
+    if (auto why = platform::socket_dir_problem(dir, path_ == platform::per_user_socket_path());
+        !why.empty()) {
+        throw std::runtime_error(why);
+    }
     struct stat st {};
     if (lstat(path_.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
@@ -86,8 +94,16 @@ Server::Server(Service &service, std::string socket_path)
     if (!listen_) {
         fail("socket");
     }
-    if (bind(listen_.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+    // Owner and group only, whatever the umask: the socket never exists with a wider mode.
+    const mode_t old_umask = umask(0177);
+    const int bound = bind(listen_.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr);
+    umask(old_umask);
+    if (bound != 0) {
         fail("bind " + path_);
+    }
+    if (chmod(path_.c_str(), 0660) != 0) {
+        unlink(path_.c_str());
+        fail("chmod " + path_);
     }
     if (listen(listen_.get(), 64) != 0) {
         unlink(path_.c_str());
@@ -181,8 +197,13 @@ void Server::accept_clients() {
             }
             return;
         }
+        UniqueFd conn(fd);
+        if (auto why = peer_problem(fd); !why.empty()) {
+            std::cerr << "callhomed: " << why << "\n";
+            continue;
+        }
         conns_.emplace_back();
-        conns_.back().fd.reset(fd);
+        conns_.back().fd = std::move(conn);
     }
 }
 
@@ -244,7 +265,14 @@ void Server::handle(Conn &c, fr::Frame &&f) {
         c.subscriber = true;
         return;
     case fr::Kind::Admin: {
-        const auto [status, text] = service_.admin(protocol::split_args(f.body));
+        const auto args = protocol::split_args(f.body);
+        // Faults are for tests: a production service never arms them.
+        const auto [status, text] =
+            !fault_injection_ && !args.empty() && args[0] == "fault"
+                ? std::pair<int, std::string>(
+                      1,
+                      "fault injection is off (callhomed --enable-fault-injection turns it on)\n")
+                : service_.admin(args);
         // Long outputs go in pieces; every piece but the last carries kAdminMore.
         size_t pos = 0;
         do {

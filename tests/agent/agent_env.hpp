@@ -36,6 +36,15 @@ namespace agent_test {
 namespace fs = std::filesystem;
 
 inline constexpr const char *kRoot = ".1.3.6.1.4.1.32473.9.300";
+// The SNMPv3 user the agent's configuration creates; writes go through it.
+inline constexpr const char *kV3User = "callhome";
+inline constexpr const char *kV3Auth = "agent-test-auth";
+inline constexpr const char *kV3Priv = "agent-test-priv";
+// snmpset's security options for that user at authPriv.
+inline std::string v3_options() {
+    return std::string("-v3 -u ") + kV3User + " -l authPriv -a SHA-256 -A " + kV3Auth +
+           " -x AES -X " + kV3Priv;
+}
 
 using callhome_test::CommandResult;
 
@@ -181,8 +190,9 @@ class AgentEnv : public ::testing::Test {
     }
 
     void start_service() {
-        service_ = Process({CALLHOMED_PATH, "--socket", socket_, "--db", db_}, {},
-                           dir_ + "/callhomed.log");
+        service_ =
+            Process({CALLHOMED_PATH, "--socket", socket_, "--db", db_, "--enable-fault-injection"},
+                    {}, dir_ + "/callhomed.log");
         ASSERT_TRUE(eventually([&] { return ctl({"ping"}).status == 0; }))
             << "callhomed did not answer";
     }
@@ -195,7 +205,9 @@ class AgentEnv : public ::testing::Test {
         std::ofstream c(conf);
         c << "agentAddress udp:127.0.0.1:" << port_ << "\n"
           << "rocommunity public 127.0.0.1\n"
-          << "rwcommunity private 127.0.0.1\n"
+          // Writes take SNMPv3 authPriv, as in ./run.sh start.
+          << "createUser " << kV3User << " SHA-256 " << kV3Auth << " AES " << kV3Priv << "\n"
+          << "rwuser " << kV3User << " priv\n"
           << "trap2sink 127.0.0.1:" << trap_port_ << " public\n";
         if (agent_mode_ == AgentMode::Dlmod) {
             c << "dlmod callhome_mib " << MODULE_PATH << "\n";
@@ -279,6 +291,11 @@ class AgentEnv : public ::testing::Test {
     CommandResult snmp(const std::string &tool, const std::string &args,
                        const std::string &community = "public") const {
         return run("MIBS= " + tool + " -v2c -c " + community +
+                   " -On -r 0 -t 5 127.0.0.1:" + std::to_string(port_) + " " + args);
+    }
+    // A write, as the v3 user at authPriv.
+    CommandResult snmpset(const std::string &args) const {
+        return run("MIBS= snmpset " + v3_options() +
                    " -On -r 0 -t 5 127.0.0.1:" + std::to_string(port_) + " " + args);
     }
     CommandResult ctl(const std::vector<std::string> &args) const {

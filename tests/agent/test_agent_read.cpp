@@ -172,10 +172,10 @@ TEST_F(AgentRead, UnloadAndReloadLeaveOneCopyOfEverything) {
     const auto before = varbinds(snmp("snmpwalk", R).out);
     ASSERT_FALSE(before.empty());
 
-    ASSERT_EQ(snmp("snmpset", dlmod_status + " i 5", "private").status, 0); // unload
+    ASSERT_EQ(snmpset(dlmod_status + " i 5").status, 0); // unload
     EXPECT_NE(get(R + ".1.1.13.0").find("No Such Object"), std::string::npos);
 
-    ASSERT_EQ(snmp("snmpset", dlmod_status + " i 4", "private").status, 0); // load
+    ASSERT_EQ(snmpset(dlmod_status + " i 4").status, 0); // load
     const auto after = varbinds(snmp("snmpwalk", R).out);
     EXPECT_EQ(after, before);
 }

@@ -12,7 +12,7 @@ class AgentScalarWrite : public AgentEnv {
         AgentEnv::SetUp();
         start_agent();
     }
-    CommandResult set(const std::string &args) const { return snmp("snmpset", args, "private"); }
+    CommandResult set(const std::string &args) const { return snmpset(args); }
 };
 
 TEST_F(AgentScalarWrite, SeveralVariablesInOneRequestAllReachTheService) {

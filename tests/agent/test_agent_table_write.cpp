@@ -25,7 +25,7 @@ class AgentTableWrite : public AgentEnv {
         AgentEnv::SetUp();
         start_agent();
     }
-    CommandResult set(const std::string &args) const { return snmp("snmpset", args, "private"); }
+    CommandResult set(const std::string &args) const { return snmpset(args); }
     std::string value(const std::string &oid) const {
         const auto vbs = varbinds(get(oid));
         return vbs.size() == 1 ? vbs[0].second : get(oid);

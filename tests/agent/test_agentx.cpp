@@ -89,7 +89,7 @@ TEST_P(BothModes, FailedMultiVariableSetLeavesNoProfile) {
     for (const Case &c : {Case{"level out of range", level + " i 11", "wrongValue"},
                           Case{"bad time of day", time_of_day + " s 25:00", "wrongValue"}}) {
         SCOPED_TRACE(c.what);
-        const auto r = snmp("snmpset", status + " i 4 " + c.second_varbind, "private");
+        const auto r = snmpset(status + " i 4 " + c.second_varbind);
         EXPECT_NE(r.status, 0) << r.out;
         EXPECT_NE(r.out.find(c.error), std::string::npos) << r.out;
         EXPECT_NE(r.out.find("Failed object: "), std::string::npos) << r.out;
@@ -101,7 +101,7 @@ TEST_P(BothModes, FailedMultiVariableSetLeavesNoProfile) {
 
     // The same request with valid values creates the profile (so the failures above were
     // the later variable's, not the creation's).
-    const auto ok = snmp("snmpset", status + " i 4 " + level + " i 3", "private");
+    const auto ok = snmpset(status + " i 4 " + level + " i 3");
     ASSERT_EQ(ok.status, 0) << ok.out;
     EXPECT_NE(get(status).find("INTEGER: 1"), std::string::npos);
     EXPECT_NE(get(level).find("INTEGER: 3"), std::string::npos);
@@ -151,7 +151,7 @@ TEST_F(AgentXOnly, SubagentComesBackAfterTheMasterRestarts) {
     start_snmpd();
     EXPECT_TRUE(eventually([&] { return serving(); }, 30)) << "subagent did not reconnect";
     // Writes go through the new session too.
-    const auto r = snmp("snmpset", R + ".1.1.7.0 s lab-3", "private");
+    const auto r = snmpset(R + ".1.1.7.0 s lab-3");
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_NE(get(R + ".1.1.7.0").find("\"lab-3\""), std::string::npos);
 }

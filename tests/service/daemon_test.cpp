@@ -123,15 +123,18 @@ Result run(std::vector<std::string> args, const std::string &scratch) {
 
 // One callhomed process on its own socket and database.
 struct Daemon {
-    Daemon(std::string sock, std::string db, std::string pidfile)
-        : sock(std::move(sock)), db(std::move(db)), pidfile(std::move(pidfile)) {}
+    Daemon(std::string sock, std::string db, std::string pidfile, bool faults = true)
+        : sock(std::move(sock)), db(std::move(db)), pidfile(std::move(pidfile)), faults(faults) {}
     ~Daemon() { stop(SIGKILL); }
     // Starts and waits (bounded) until it answers; false when it exited instead.
     bool start() {
         pid = fork();
         if (pid == 0) {
-            const char *args[] = {CALLHOMED_PATH, "--socket",  sock.c_str(),    "--db",
-                                  db.c_str(),     "--pidfile", pidfile.c_str(), nullptr};
+            const char *args[] = {CALLHOMED_PATH,  "--socket",
+                                  sock.c_str(),    "--db",
+                                  db.c_str(),      "--pidfile",
+                                  pidfile.c_str(), faults ? "--enable-fault-injection" : nullptr,
+                                  nullptr};
             execv(CALLHOMED_PATH, const_cast<char **>(args));
             _exit(127);
         }
@@ -156,6 +159,7 @@ struct Daemon {
         return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
     }
     std::string sock, db, pidfile;
+    bool faults;
     pid_t pid = -1;
 };
 
@@ -322,6 +326,58 @@ TEST_F(DaemonTest, OneDaemonPerSocketAndSigtermCleansUp) {
     EXPECT_EQ(0, daemon.stop(SIGTERM));
     EXPECT_FALSE(exists(sock));
     EXPECT_FALSE(exists(daemon.pidfile));
+}
+
+// The socket's own protection: its mode whatever the umask, the directories it trusts (and
+// that callhomectl trusts at the per-user default), fault injection only when asked for.
+TEST_F(DaemonTest, SocketGuardsItself) {
+    const mode_t old_umask = umask(0);
+    Daemon loose(dir + "/loose/s.sock", dir + "/loose.db", dir + "/loose.pid", false);
+    const bool started = loose.start();
+    umask(old_umask);
+    ASSERT_TRUE(started);
+    struct stat st {};
+    ASSERT_EQ(0, lstat(loose.sock.c_str(), &st));
+    EXPECT_EQ(0660u, st.st_mode & 07777);
+
+    ASSERT_EQ(0, setenv("XDG_RUNTIME_DIR", dir.c_str(), 1));
+    unsetenv("CALLHOME_SOCKET");
+    const std::string per_user = dir + "/callhome/callhomed.sock";
+    struct Case {
+        std::string sock_dir;
+        mode_t mode;
+        const char *why; // in callhomed's refusal
+    };
+    const Case cases[] = {
+        {dir + "/shared", 0777, "mode 0777; it must be writable by its owner only"},
+        {dir + "/group", 0770, "mode 0770"},
+        {dir + "/callhome", 0755, "mode 0755; it must be 0700"}, // the per-user default
+    };
+    for (const auto &c : cases) {
+        ASSERT_EQ(0, mkdir(c.sock_dir.c_str(), 0700));
+        ASSERT_EQ(0, chmod(c.sock_dir.c_str(), c.mode));
+        const Result r =
+            run({CALLHOMED_PATH, "--socket", c.sock_dir + "/callhomed.sock", "--db", dir + "/x.db"},
+                dir + "/refused");
+        EXPECT_EQ(1, r.code) << c.sock_dir;
+        EXPECT_NE(std::string::npos, r.err.find(c.why)) << r.err;
+    }
+    // callhomectl does not talk to a listener in a per-user directory others can enter.
+    const Result ctl_refused = run({CALLHOMECTL_PATH, "ping"}, dir + "/ctl-default");
+    EXPECT_EQ(1, ctl_refused.code);
+    EXPECT_NE(std::string::npos,
+              ctl_refused.err.find("cannot reach the call-home service at " + per_user +
+                                   ": "
+                                   "the socket directory " +
+                                   dir + "/callhome has mode 0755"))
+        << ctl_refused.err;
+    unsetenv("XDG_RUNTIME_DIR");
+
+    // Started without --enable-fault-injection, the service refuses to arm faults.
+    const Result fault =
+        run({CALLHOMECTL_PATH, "--socket", loose.sock, "fault", "clear"}, dir + "/f");
+    EXPECT_EQ(1, fault.code);
+    EXPECT_NE(std::string::npos, fault.err.find("--enable-fault-injection")) << fault.err;
 }
 
 TEST_F(DaemonTest, CtlExitCodesAndOutputs) {

@@ -19,8 +19,10 @@ using UniqueFd = posix::UniqueFd;
 
 class Server {
   public:
-    // Binds and listens on `socket_path` (creating its directory, 0700). Refuses to start
-    // (std::runtime_error) when another service answers there; removes a stale socket file.
+    // Binds and listens on `socket_path` (creating its directory, 0700; the socket is 0660).
+    // Refuses to start (std::runtime_error) when another service answers there or when the
+    // directory is not this user's alone to write (for the per-user default: mode 0700);
+    // removes a stale socket file. Accepts only root, this user and members of its group.
     Server(Service &service, std::string socket_path);
     ~Server(); // removes the socket file
     Server(const Server &) = delete;
@@ -28,6 +30,8 @@ class Server {
 
     // Serves until `stop_fd` becomes readable (a signalfd in callhomed).
     void run(int stop_fd);
+    // Lets the admin command `fault` arm faults (off by default).
+    void enable_fault_injection(bool on) { fault_injection_ = on; }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -57,6 +61,7 @@ class Server {
     std::string path_;
     UniqueFd listen_;
     std::list<Conn> conns_;
+    bool fault_injection_ = false;
 };
 
 } // namespace callhome
