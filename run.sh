@@ -11,9 +11,11 @@ TRAP_PORT=${CALLHOME_TRAP_PORT:-1162}
 MODE=${CALLHOME_MODE:-dlmod}
 ROOT_OID=1.3.6.1.4.1.32473.9.300
 
-# Debian packages the project builds, tests and runs with.
-PACKAGES=(cmake g++ make pkg-config libsnmp-dev snmpd snmp snmptrapd libsqlite3-dev sqlite3 libsystemd-dev
-    libgtest-dev libgmock-dev smitools)
+# Debian packages the project builds and runs with (./run.sh start installs these only).
+PACKAGES=(cmake g++ make pkg-config libsnmp-dev snmpd snmp libsqlite3-dev libsystemd-dev)
+# ...and those only the tests need (npm: the MIB checks and ./run.sh mibs/env fetch the IETF
+# base modules with it; lintian and systemd's analyzer check the package).
+TEST_PACKAGES=(snmptrapd sqlite3 libgtest-dev libgmock-dev smitools npm lintian systemd)
 
 log() { printf '%s\n' "$*" >&2; }
 die() {
@@ -45,15 +47,16 @@ CALLHOME_RW_COMMUNITY (also allow v2c writes with this community; none by defaul
 EOF
 }
 
-ensure_packages() {
+ensure_packages() { # package...
     local missing=() p
-    for p in "${PACKAGES[@]}"; do
-        if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    for p in "$@"; do
+        # Any npm will do.
+        if [[ $p == npm ]]; then
+            command -v npm >/dev/null || missing+=(npm)
+        elif ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
             missing+=("$p")
         fi
     done
-    # The MIB checks fetch the IETF base modules with npm; any npm will do.
-    command -v npm >/dev/null || missing+=(npm)
     ((${#missing[@]} == 0)) && return 0
     log "run.sh: installing ${missing[*]}"
     local sudo=()
@@ -80,7 +83,9 @@ build() {
 }
 
 cmd_test() {
-    ensure_packages
+    ensure_packages "${PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+    # Configure again: a build directory first configured by start found no GoogleTest.
+    [[ -f $BUILD_DIR/CMakeCache.txt ]] && cmake -S "$ROOT" -B "$BUILD_DIR" >/dev/null
     build
     (cd "$BUILD_DIR" && ctest --output-on-failure -j 2 --timeout 300)
 }
@@ -210,7 +215,7 @@ cmd_start() {
         log "call-home service and agent already running (state in $STATE_DIR)"
         return 0
     fi
-    ensure_packages
+    ensure_packages "${PACKAGES[@]}"
     local targets=(callhomed callhomectl callhomemib)
     [[ $MODE == agentx ]] && targets+=(callhome-agentx)
     build --target "${targets[@]}" >/dev/null
@@ -319,6 +324,7 @@ cmd_ctl() {
 # archive does not ship those; the npm package net-snmp carries them).
 cmd_mibs() {
     local base=$BUILD_DIR/npm
+    ensure_packages npm
     "$ROOT/mibs/fetch-base-mibs.sh" "$base" >/dev/null || die "could not fetch the base MIB modules"
     printf "export MIBDIRS='+%s'\n" "$ROOT/mibs:$base/node_modules/net-snmp/lib/mibs"
     printf "export MIBS='SNMPv2-MIB:CALLHOME-MIB'\n"

@@ -8,6 +8,7 @@
 
 #include <getopt.h>
 #include <signal.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -158,12 +159,14 @@ int main(int argc, char **argv) {
     init_callhome_mib();
     init_snmp(kApp);
     snmp_log(LOG_INFO, "%s: serving the call-home subtree\n", kApp);
+    sd_notify(0, "READY=1"); // for Type=notify units; nothing happens outside systemd
 
     // A signal interrupts the wait in agent_check_and_process.
     while (stop_requested == 0) {
         agent_check_and_process(1);
     }
 
+    sd_notify(0, "STOPPING=1");
     snmp_log(LOG_INFO, "%s: stopping\n", kApp);
     deinit_callhome_mib();
     snmp_shutdown(kApp);

@@ -4,18 +4,24 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME callhome)
 set(CPACK_PACKAGE_VENDOR "callhome project")
-set(CPACK_PACKAGE_CONTACT "callhome developers <dev@callhome.invalid>")
+set(CPACK_PACKAGE_CONTACT "callhome developers <dev@callhome.example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "call-home MIB module for net-snmp agents, with its service")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "The call-home MIB module (enterprise 32473, subtree 9.300) for net-snmp agents on Linux:\n"
-    " libcallhomemib for snmpd's dlmod, the callhome-agentx AgentX subagent, the call-home\n"
-    " service callhomed with its admin tool callhomectl, CALLHOME-MIB and systemd units.")
+# cpack puts the summary first and indents these lines as the extended description.
+string(JOIN "\n" CPACK_PACKAGE_DESCRIPTION
+    "The call-home MIB module (enterprise 32473, subtree 9.300) for net-snmp"
+    "agents on Linux: libcallhomemib for snmpd's dlmod, the callhome-agentx"
+    "AgentX subagent, the call-home service callhomed with its admin tool"
+    "callhomectl, CALLHOME-MIB and hardened systemd units that run as"
+    "unprivileged users.")
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+# Stripped programs and libraries; debug symbols are not shipped.
+set(CPACK_STRIP_FILES TRUE)
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libsnmp40 (>= 5.9.3), libsqlite3-0 (>= 3.40), snmpd")
+    "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libsnmp40 (>= 5.9.3), libsqlite3-0 (>= 3.40), libsystemd0, snmpd, adduser")
 
 # snmpd's configuration snippet is the administrator's once installed.
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles
