@@ -8,14 +8,17 @@ BUILD_DIR=${CALLHOME_BUILD_DIR:-$ROOT/build}
 STATE_DIR=${CALLHOME_STATE_DIR:-$ROOT/var}
 SNMP_PORT=${CALLHOME_SNMP_PORT:-1161}
 TRAP_PORT=${CALLHOME_TRAP_PORT:-1162}
+SMTP_PORT=${CALLHOME_SMTP_PORT:-2525}
+SMTP_SINK=${CALLHOME_SMTP_SINK:-1}
 MODE=${CALLHOME_MODE:-dlmod}
 ROOT_OID=1.3.6.1.4.1.32473.9.300
 
 # Debian packages the project builds and runs with (./run.sh start installs these only).
-PACKAGES=(cmake g++ make pkg-config libsnmp-dev snmpd snmp libsqlite3-dev libsystemd-dev)
+PACKAGES=(cmake g++ make pkg-config libsnmp-dev snmpd snmp libsqlite3-dev libsystemd-dev
+    libcurl4-openssl-dev python3-aiosmtpd)
 # ...and those only the tests need (npm: the MIB checks and ./run.sh mibs/env fetch the IETF
 # base modules with it; lintian and systemd's analyzer check the package).
-TEST_PACKAGES=(snmptrapd sqlite3 libgtest-dev libgmock-dev smitools npm lintian systemd)
+TEST_PACKAGES=(snmptrapd sqlite3 libgtest-dev libgmock-dev smitools npm lintian systemd openssl)
 
 log() { printf '%s\n' "$*" >&2; }
 die() {
@@ -43,7 +46,10 @@ traces in the agent's log), CALLHOME_SANITIZE=1 (test with
 ASan+UBSan), CALLHOME_MODE (dlmod: snmpd loads the module; agentx: snmpd is AgentX master and
 the module runs in callhome-agentx), CALLHOME_V3_AUTH_PASS / CALLHOME_V3_PRIV_PASS (the SNMPv3
 user's passphrases on the first start of a state directory; random otherwise),
-CALLHOME_RW_COMMUNITY (also allow v2c writes with this community; none by default).
+CALLHOME_RW_COMMUNITY (also allow v2c writes with this community; none by default),
+CALLHOME_SMTP_PORT (2525: the local mail sink, which
+keeps every message in \$CALLHOME_STATE_DIR/mail), CALLHOME_SMTP_SINK=0 (start no sink),
+CALLHOME_CONFIG (a callhomed --config file: TLS, login, time-out, retry delays).
 EOF
 }
 
@@ -119,6 +125,8 @@ state_paths() {
     SNMP_DIR=$STATE_DIR/snmp
     CLIENT_CONF=$SNMP_DIR/snmp.conf
     USERS_CONF=$STATE_DIR/snmpd-users.conf
+    SINK_PID=$STATE_DIR/smtp-sink.pid
+    MAIL_DIR=$STATE_DIR/mail
 }
 
 ctl() { "$BUILD_DIR/bin/callhomectl" --socket "$SOCKET" "$@"; }
@@ -211,20 +219,32 @@ cmd_start() {
     if pid_alive "$AGENT_PID" && [[ $(running_mode) != "$MODE" ]]; then
         die "the agent runs in $(running_mode) mode; ./run.sh stop first"
     fi
-    if pid_alive "$SERVICE_PID" && agent_running; then
+    if pid_alive "$SERVICE_PID" && agent_running && { [[ $SMTP_SINK == 0 ]] || pid_alive "$SINK_PID"; }; then
         log "call-home service and agent already running (state in $STATE_DIR)"
         return 0
     fi
     ensure_packages "${PACKAGES[@]}"
     local targets=(callhomed callhomectl callhomemib)
     [[ $MODE == agentx ]] && targets+=(callhome-agentx)
+    log "run.sh: building ${targets[*]} in $BUILD_DIR (the first build takes a few minutes)"
     build --target "${targets[@]}" >/dev/null
 
+    start_sink
     if ! pid_alive "$SERVICE_PID"; then
+        local first=0 config=()
+        [[ -e $DB ]] || first=1
+        [[ -n ${CALLHOME_CONFIG:-} ]] && config=(--config "$CALLHOME_CONFIG")
         "$BUILD_DIR/bin/callhomed" --socket "$SOCKET" --db "$DB" --pidfile "$SERVICE_PID" \
-            >>"$STATE_DIR/callhomed.log" 2>&1 </dev/null &
+            "${config[@]}" >>"$STATE_DIR/callhomed.log" 2>&1 </dev/null &
         disown
         wait_for 10 ctl ping || die "callhomed did not come up; see $STATE_DIR/callhomed.log"
+        if ((first)) && [[ $SMTP_SINK != 0 ]]; then
+            # The same SET the agent would send, so a walk shows the sink as the server.
+            ctl smtp-server 127.0.0.1 "$SMTP_PORT" >/dev/null ||
+                die "could not point the SMTP server objects at the mail sink"
+            log "run.sh: new state directory: the SMTP server objects now name the local mail" \
+                "sink 127.0.0.1:$SMTP_PORT (callHomeSmtpServerAddr, callHomeSmtpServerPort)"
+        fi
     fi
 
     if ! pid_alive "$AGENT_PID"; then
@@ -262,6 +282,7 @@ SNMP agent:        pid $(cat "$AGENT_PID"), udp 127.0.0.1:$SNMP_PORT (v2c public
                    SNMPv3 user $V3_USER, authPriv, credentials in $CLIENT_CONF$([[ -n ${CALLHOME_RW_COMMUNITY:-} ]] && printf ', v2c community %s' "$CALLHOME_RW_COMMUNITY")),
                    notifications to 127.0.0.1:$TRAP_PORT, module $(running_mode)
 $([[ $(running_mode) == agentx ]] && echo "AgentX subagent:   pid $(cat "$SUBAGENT_PID"), master socket $AGENTX_SOCKET")
+$(pid_alive "$SINK_PID" && echo "mail sink:         pid $(cat "$SINK_PID"), smtp 127.0.0.1:$SMTP_PORT, messages in $MAIL_DIR/new/")
 logs and state:    $STATE_DIR
 
 Try:  eval "\$(./run.sh env)"    # names (CALLHOME-MIB) and v3 credentials for net-snmp's tools
@@ -269,6 +290,26 @@ Try:  eval "\$(./run.sh env)"    # names (CALLHOME-MIB) and v3 credentials for n
       snmpwalk -v2c -c public 127.0.0.1:$SNMP_PORT $ROOT_OID
       ./run.sh ctl dump
 EOF
+}
+
+port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+
+# A local SMTP server that keeps every message as a file (Maildir), so that delivery works
+# out of the box and its result can be opened.
+start_sink() {
+    [[ $SMTP_SINK != 0 ]] || return 0
+    pid_alive "$SINK_PID" && return 0
+    if port_open "$SMTP_PORT"; then
+        die "127.0.0.1:$SMTP_PORT is taken; set CALLHOME_SMTP_PORT, or CALLHOME_SMTP_SINK=0"
+    fi
+    mkdir -p -m 0700 "$MAIL_DIR" "$MAIL_DIR/cur" "$MAIL_DIR/new" "$MAIL_DIR/tmp"
+    # Debian's python3 by its path: another python3 may come first in PATH.
+    /usr/bin/python3 -m aiosmtpd -n -l "127.0.0.1:$SMTP_PORT" -c aiosmtpd.handlers.Mailbox \
+        "$MAIL_DIR" >>"$STATE_DIR/smtp-sink.log" 2>&1 </dev/null &
+    echo $! >"$SINK_PID"
+    disown
+    wait_for 10 port_open "$SMTP_PORT" ||
+        die "the mail sink does not listen on 127.0.0.1:$SMTP_PORT; see $STATE_DIR/smtp-sink.log"
 }
 
 stop_pid() { # pidfile name
@@ -290,6 +331,7 @@ cmd_stop() {
     stop_pid "$AGENT_PID" snmpd
     rm -f "$MODE_FILE"
     stop_pid "$SERVICE_PID" callhomed
+    stop_pid "$SINK_PID" "mail sink"
 }
 
 cmd_status() {
@@ -302,6 +344,9 @@ cmd_status() {
     if pid_alive "$AGENT_PID"; then echo "snmpd: running (pid $(cat "$AGENT_PID"))"; else
         echo "snmpd: stopped"
         rc=1
+    fi
+    if pid_alive "$SINK_PID"; then echo "mail sink: running (pid $(cat "$SINK_PID"))"; else
+        echo "mail sink: stopped"
     fi
     if [[ $(running_mode) == agentx ]]; then
         if pid_alive "$SUBAGENT_PID"; then

@@ -9,7 +9,9 @@
 #include <iostream>
 #include <string>
 
+#include "callhome/config.hpp"
 #include "callhome/paths.hpp"
+#include "callhome/sender.hpp"
 #include "platform/paths.hpp"
 #include "callhome/server.hpp"
 #include "callhome/service.hpp"
@@ -18,7 +20,7 @@
 namespace {
 
 const char kUsage[] = "usage: callhomed [--socket PATH] [--db PATH] [--pidfile PATH]\n"
-                      "                [--enable-fault-injection]\n"
+                      "                [--config FILE] [--enable-fault-injection]\n"
                       "  --socket PATH   listening socket, mode 0660; its directory must be\n"
                       "                  writable by this user only (default: $CALLHOME_SOCKET,\n"
                       "                  else $XDG_RUNTIME_DIR/callhome/callhomed.sock, else\n"
@@ -28,6 +30,10 @@ const char kUsage[] = "usage: callhomed [--socket PATH] [--db PATH] [--pidfile P
                       "                  $XDG_STATE_HOME/callhome/callhome.db, else\n"
                       "                  ~/.local/state/callhome/callhome.db)\n"
                       "  --pidfile PATH  write the process id there while running\n"
+                      "  --config FILE   how mail leaves: smtp_security, smtp_user,\n"
+                      "                  smtp_password_file, smtp_ca_file, smtp_timeout_s,\n"
+                      "                  retry_delays_s (without it: plain SMTP, 30 s time-out,\n"
+                      "                  retries after 30, 120, 600 and 1800 s)\n"
                       "  --enable-fault-injection\n"
                       "                  accept callhomectl's fault commands (for tests only)\n"
                       "Only root, this user and members of this user's group may connect.\n"
@@ -37,7 +43,7 @@ const char kUsage[] = "usage: callhomed [--socket PATH] [--db PATH] [--pidfile P
 } // namespace
 
 int main(int argc, char **argv) {
-    std::string socket_path, db_path, pidfile;
+    std::string socket_path, db_path, pidfile, config_path;
     bool fault_injection = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -49,12 +55,25 @@ int main(int argc, char **argv) {
             fault_injection = true;
             continue;
         }
-        if ((a == "--socket" || a == "--db" || a == "--pidfile") && i + 1 < argc) {
-            (a == "--socket" ? socket_path : a == "--db" ? db_path : pidfile) = argv[++i];
+        if ((a == "--socket" || a == "--db" || a == "--pidfile" || a == "--config") &&
+            i + 1 < argc) {
+            (a == "--socket"   ? socket_path
+             : a == "--db"     ? db_path
+             : a == "--config" ? config_path
+                               : pidfile) = argv[++i];
             continue;
         }
         std::cerr << "callhomed: bad argument '" << a << "'\n" << kUsage;
         return 2;
+    }
+    callhome::config::Delivery delivery;
+    if (!config_path.empty()) {
+        try {
+            delivery = callhome::config::load(config_path);
+        } catch (const callhome::config::Error &e) {
+            std::cerr << "callhomed: " << e.what() << "\n";
+            return 1;
+        }
     }
     if (socket_path.empty()) {
         const char *env = std::getenv("CALLHOME_SOCKET");
@@ -83,6 +102,8 @@ int main(int argc, char **argv) {
                                      std::strerror(errno));
         }
         callhome::Service service(db_path);
+        callhome::Sender sender(db_path, delivery);
+        service.set_outbox_listener([&sender] { sender.wake(); });
         callhome::Server server(service, socket_path);
         server.enable_fault_injection(fault_injection);
         if (!pidfile.empty()) {
@@ -98,6 +119,7 @@ int main(int argc, char **argv) {
         server.run(sfd.get());
         sd_notify(0, "STOPPING=1");
         std::cerr << "callhomed: stopping\n";
+        service.set_outbox_listener({});
     } catch (const std::exception &e) {
         std::cerr << "callhomed: " << e.what() << "\n";
         return 1;

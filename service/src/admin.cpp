@@ -12,6 +12,8 @@ const char *const kAdminUsage = "commands:\n"
                                 "  ping\n"
                                 "  dump\n"
                                 "  outbox\n"
+                                "  outbox retry [ID]\n"
+                                "  smtp-server HOST [PORT]\n"
                                 "  group add NAME\n"
                                 "  group del NAME\n"
                                 "  distribution on|off [mode N]\n"
@@ -72,6 +74,35 @@ std::variant<AdminCommand, AdminUsageError> parse_admin(const std::vector<std::s
     }
     const std::string &verb = args[0];
     const size_t n = args.size();
+    if (verb == "outbox" && n > 1) {
+        if (args[1] != "retry" || n > 3) {
+            return usage("usage: outbox [retry [ID]]");
+        }
+        cmd.op = Op::OutboxRetry;
+        if (n == 3) {
+            const auto id = parse_number(args[2]);
+            if (!id || *id < 1) {
+                return usage("bad message id '" + args[2] + "'");
+            }
+            cmd.id = *id;
+        }
+        return cmd;
+    }
+    if (verb == "smtp-server") {
+        if (n < 2 || n > 3) {
+            return usage("usage: smtp-server HOST [PORT]");
+        }
+        cmd.op = Op::SmtpServer;
+        cmd.name = args[1];
+        if (n == 3) {
+            const auto port = parse_number(args[2]);
+            if (!port || *port < 1 || *port > 65535) {
+                return usage("bad port '" + args[2] + "' (1 to 65535)");
+            }
+            cmd.port = uint32_t(*port);
+        }
+        return cmd;
+    }
     if (verb == "ping" || verb == "dump" || verb == "outbox") {
         if (n != 1) {
             return usage(verb + " takes no arguments");

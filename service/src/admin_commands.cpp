@@ -27,11 +27,22 @@ std::pair<int, std::string> AdminCommands::run(const AdminCommand &c) {
     case Op::Ping:
         return {0, "ok\n"};
     case Op::Dump:
-        return {0, dump_json(state_, [this](json::Writer &w) { dump_messages(w); })};
+        return {
+            0, dump_json(state_, storage_.status(), [this](json::Writer &w) { dump_messages(w); })};
     case Op::Alert:
         return alert(c);
     case Op::Outbox:
         return {0, outbox_json(storage_.outbox())};
+    case Op::OutboxRetry: {
+        const auto n = storage_.retry(c.id);
+        if (!n) {
+            return {1,
+                    "no message " + std::to_string(*c.id) + " waiting or failed in the outbox\n"};
+        }
+        return {0, std::to_string(*n) + " message(s) to be tried now\n"};
+    }
+    case Op::SmtpServer: // the facade sends it through the channel
+        break;
     case Op::GroupAdd:
         return group_add(c.name);
     case Op::GroupDel:

@@ -1,5 +1,5 @@
 // The admin commands as the service runs them (admin.hpp parses them): inspection (dump,
-// outbox), alert-group types, the distribution state and fault injection.
+// outbox, retries), alert-group types, the distribution state and fault injection.
 #pragma once
 
 #include <functional>
@@ -43,8 +43,9 @@ class AdminCommands {
 
 // `callhomectl dump`: the whole configuration as JSON.
 // `more` adds keys of other rooms (the dispatcher's schedule and throttling).
-std::string dump_json(const State &state, const std::function<void(json::Writer &)> &more = {});
+std::string dump_json(const State &state, const outbox::Status &status,
+                      const std::function<void(json::Writer &)> &more = {});
 // `callhomectl outbox`: the outbox as a JSON array, oldest first.
-std::string outbox_json(const std::vector<OutboxRow> &rows);
+std::string outbox_json(const std::vector<outbox::Entry> &entries);
 
 } // namespace callhome

@@ -41,39 +41,36 @@ platform::CmiReply Channel::op_alert_action(int type, const Bytes &b) {
         std::strcpy(host, "localhost");
     }
 
-    std::vector<OutboxMessage> queued;
+    std::vector<outbox::NewMessage> queued;
     for (const auto &[name, p] : state_.profiles) {
         if (p.row_status != 1 || p.emails.empty() ||
             (!p.groups.count(group) && !p.groups.count(kAll))) {
             continue;
         }
-        std::string recipients;
+        outbox::NewMessage m;
+        m.profile = name;
+        m.alert_group = group;
+        m.format = p.format;
         for (const auto &[idx, addr] : p.emails) {
-            recipients += (recipients.empty() ? "" : ", ") + addr;
+            m.recipients.push_back(addr);
         }
         message::Input in{action, state_.info, int64_t(now.tv_sec), host, name};
-        const message::Message msg = message::compose(in, p.format, p.max_size);
-        queued.push_back({int64_t(now.tv_sec), int64_t(now.tv_usec), name, recipients, p.format,
-                          msg.subject, msg.body});
+        message::Message msg = message::compose(in, p.format, p.max_size);
+        m.subject = std::move(msg.subject);
+        m.body = std::move(msg.body);
+        queued.push_back(std::move(m));
     }
 
-    Status s = state_.status;
+    // Queuing changes no status object: only a delivery attempt's outcome does (the
+    // sender's). A trigger that reaches nobody is such an outcome.
     if (queued.empty()) {
-        s.message_status = 3;
-        s.error_code = uint32_t(kNoDestination);
-        s.error_message = "no active destination profile with e-mail addresses subscribes "
-                          "to the " +
-                          group + " alert group";
+        storage_.record_failure(uint32_t(kNoDestination),
+                                "for the " + group +
+                                    " alert group: subscribe an active profile that has an "
+                                    "address");
     } else {
-        s.sec = uint32_t(now.tv_sec);
-        s.usec = uint32_t(now.tv_usec);
-        s.sent += uint32_t(queued.size());
-        s.message_status = 1;
-        s.error_code = 0;
-        s.error_message.clear();
+        storage_.queue(queued, now, host);
     }
-    storage_.queue(queued, s);
-    state_.status = s;
     return answer(CALLHOME_SUCCESS);
 }
 

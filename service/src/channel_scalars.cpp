@@ -160,17 +160,21 @@ struct PeriodicScalar {
 
 struct StatusScalar {
     using Record = callhome_status_t;
-    const State &state;
+    Storage &storage;
 
     Record get() const {
-        const Status &status = state.status;
+        // The sender thread records outcomes through its own connection: read them afresh.
+        const outbox::Status status = storage.status();
         Record out{};
         out.last_alert_sent.tv_sec = to_be(status.sec);
         out.last_alert_sent.tv_usec = to_be(status.usec);
         out.num_alerts_sent = to_be(status.sent);
         out.callhome_message_status = to_be(status.message_status);
         out.callhome_error_code = to_be(status.error_code);
-        PUT(out, callhome_error_message, status.error_message);
+        // The module shows "code text -  message" four characters short: four spaces at the
+        // end take that cut, so the reason is shown whole.
+        PUT(out, callhome_error_message,
+            status.error_message.empty() ? status.error_message : status.error_message + "    ");
         return out;
     }
     // The status is the service's to keep.
@@ -192,7 +196,7 @@ platform::CmiReply Channel::op_periodic(int type, const Bytes &b) {
 }
 
 platform::CmiReply Channel::op_status(int type, const Bytes &b) {
-    return serve_scalar(StatusScalar{state_}, type, b);
+    return serve_scalar(StatusScalar{storage_}, type, b);
 }
 
 } // namespace callhome

@@ -151,6 +151,8 @@ Dispatcher::Outcome Dispatcher::queue(const std::string &action, const std::stri
         OutboxMessage m;
         m.sec = t;
         m.profile = tg.profile;
+        m.group = group;
+        m.severity = severity;
         m.format = tg.format;
         for (const auto &r : tg.recipients) {
             m.recipients += (m.recipients.empty() ? "" : ", ") + r;

@@ -2,9 +2,12 @@
 #include "admin_commands.hpp"
 #include "json.hpp"
 
+#include <ctime>
+
 namespace callhome {
 
-std::string dump_json(const State &s, const std::function<void(json::Writer &)> &more) {
+std::string dump_json(const State &s, const outbox::Status &status,
+                      const std::function<void(json::Writer &)> &more) {
     json::Writer w;
     w.begin_object();
     w.field("enabled", s.enabled);
@@ -28,12 +31,12 @@ std::string dump_json(const State &s, const std::function<void(json::Writer &)> 
     w.field("time_of_day", s.periodic.minutes);
     w.end_object();
     w.key("status").begin_object();
-    w.field("last_alert_sec", s.status.sec);
-    w.field("last_alert_usec", s.status.usec);
-    w.field("alerts_sent", s.status.sent);
-    w.field("message_status", s.status.message_status);
-    w.field("error_code", s.status.error_code);
-    w.field("error_message", s.status.error_message);
+    w.field("last_alert_sec", status.sec);
+    w.field("last_alert_usec", status.usec);
+    w.field("alerts_sent", status.sent);
+    w.field("message_status", status.message_status);
+    w.field("error_code", status.error_code);
+    w.field("error_message", status.error_message);
     w.end_object();
     w.key("profiles").begin_array();
     for (const auto &[name, p] : s.profiles) {
@@ -84,22 +87,49 @@ std::string dump_json(const State &s, const std::function<void(json::Writer &)> 
     return w.str();
 }
 
-std::string outbox_json(const std::vector<OutboxRow> &rows) {
+namespace {
+
+std::string utc(int64_t sec) {
+    if (sec == 0) {
+        return "";
+    }
+    const time_t t = time_t(sec);
+    tm u{};
+    gmtime_r(&t, &u);
+    char buf[32];
+    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &u);
+    return buf;
+}
+
+} // namespace
+
+std::string outbox_json(const std::vector<outbox::Entry> &entries) {
     json::Writer w;
     w.begin_array();
-    for (const OutboxRow &r : rows) {
+    for (const auto &e : entries) {
+        std::string recipients;
+        for (const auto &r : e.recipients) {
+            recipients += (recipients.empty() ? "" : ", ") + r;
+        }
+        const bool waiting = e.state == outbox::kQueued || e.state == outbox::kRetrying;
         w.begin_object();
-        w.field("id", r.id);
-        w.field("time_sec", r.sec);
-        w.field("time_usec", r.usec);
-        w.field("profile", r.profile);
-        w.field("recipients", r.recipients);
-        w.field("format", r.format);
-        w.field("subject", r.subject);
-        w.field("body", r.body);
-        w.field("state", r.state);
-        w.field("attempts", r.attempts);
-        w.field("last_error", r.last_error);
+        w.field("id", e.id);
+        w.field("state", e.state);
+        w.field("attempts", e.attempts);
+        w.field("last_error", e.last_error);
+        w.field("sent_at", utc(e.sent_sec));
+        w.field("last_attempt_at", utc(e.last_attempt_sec));
+        w.field("next_attempt_at", waiting ? utc(e.next_attempt_sec) : "");
+        w.field("time_sec", e.created_sec);
+        w.field("time_usec", e.created_usec);
+        w.field("profile", e.profile);
+        w.field("alert_group", e.alert_group);
+        w.field("severity", e.severity);
+        w.field("recipients", recipients);
+        w.field("format", e.format);
+        w.field("message_id", e.message_id);
+        w.field("subject", e.subject);
+        w.field("body", e.body);
         w.end_object();
     }
     w.end_array();

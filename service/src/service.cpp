@@ -12,6 +12,7 @@
 #include "faults.hpp"
 #include "state.hpp"
 #include "storage.hpp"
+#include "validate.hpp"
 
 namespace callhome {
 
@@ -26,6 +27,8 @@ struct Service::Impl {
     Faults faults;
     Channel channel;
     AdminCommands admin;
+
+    std::pair<int, std::string> smtp_server(const std::string &host, uint32_t port);
 };
 
 Service::Service(const std::string &db_path) : impl_(std::make_unique<Impl>(db_path)) {}
@@ -48,13 +51,44 @@ FaultAction Service::take_fault(int opcode, int msg_type) {
     return impl_->faults.take(opcode, msg_type, false);
 }
 
+// `smtp-server HOST [PORT]`: the e-mail record the module would send for a SET of the SMTP
+// server objects, answered by the same handler, so the same checks apply and a walk shows
+// the result.
+std::pair<int, std::string> Service::Impl::smtp_server(const std::string &host, uint32_t port) {
+    using namespace codec;
+    cmi_email_conf_t rec{};
+    PUT(rec, from_email_addr, state.email.from);
+    PUT(rec, reply_to, state.email.reply_to);
+    PUT(rec, return_receipt_addr, state.email.receipt);
+    PUT(rec, smtp_server, host);
+    const uint32_t type = validate::ipv4(host)   ? CALLHOME_ADDR_IPV4
+                          : validate::ipv6(host) ? CALLHOME_ADDR_IPV6
+                                                 : CALLHOME_ADDR_DNS;
+    rec.address_type = to_be(type);
+    rec.smtp_server_port = to_be(port);
+    platform::CmiRequest r;
+    r.opcode = CALLHOME_EMAIL_CONF_OPC;
+    r.msg_type = SET_REQ;
+    const auto *p = reinterpret_cast<const uint8_t *>(&rec);
+    r.record.assign(p, p + sizeof rec);
+    if (channel.process(r).status != CALLHOME_SUCCESS) {
+        return {1, "'" + host + "' is not an IPv4 or IPv6 address or a host name\n"};
+    }
+    return {0, "SMTP server " + host + " port " + std::to_string(port) + " (address type " +
+                   std::to_string(type) + ")\n"};
+}
+
 std::pair<int, std::string> Service::admin(const std::vector<std::string> &args) {
     auto parsed = parse_admin(args);
     if (auto *err = std::get_if<AdminUsageError>(&parsed)) {
         return {2, err->message};
     }
     try {
-        return impl_->admin.run(std::get<AdminCommand>(parsed));
+        const auto &c = std::get<AdminCommand>(parsed);
+        if (c.op == AdminCommand::Op::SmtpServer) {
+            return impl_->smtp_server(c.name, c.port);
+        }
+        return impl_->admin.run(c);
     } catch (const std::exception &e) {
         return {1, std::string("command failed: ") + e.what() + "\n"};
     }
@@ -82,6 +116,10 @@ void Service::set_clock(std::function<int64_t()> clock) {
 
 void Service::set_notifier(Notifier notifier) {
     impl_->admin.set_notifier(std::move(notifier));
+}
+
+void Service::set_outbox_listener(std::function<void()> listener) {
+    impl_->storage.set_outbox_listener(std::move(listener));
 }
 
 } // namespace callhome

@@ -37,14 +37,6 @@ struct EmailConf {
     uint32_t port = 25;
 };
 
-struct Status {
-    uint32_t sec = 0, usec = 0;
-    uint32_t sent = 0;
-    uint32_t message_status = 2; // nothing sent yet
-    uint32_t error_code = 0;
-    std::string error_message;
-};
-
 struct Periodic {
     uint32_t enable = 1;
     uint32_t days = 7;
@@ -68,7 +60,6 @@ struct State {
     bool throttling = true;
     std::map<std::string, std::string> info;
     EmailConf email;
-    Status status;
     Periodic periodic;
     std::map<std::string, Profile, OidOrder> profiles;
     std::map<uint32_t, std::string> types;

@@ -1,5 +1,6 @@
 #include "storage.hpp"
 
+#include <ctime>
 #include <map>
 #include <stdexcept>
 #include <variant>
@@ -9,7 +10,7 @@
 namespace callhome {
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2; // 2: the outbox records delivery
 
 const char *const kDefaultTypes[] = {"Configuration", "Diagnostic", "Environmental", "Inventory",
                                      "Syslog",        "System",     "Test"};
@@ -35,12 +36,6 @@ const Setting kSettings[] = {
     SETTING("email.server", email.server),
     SETTING("email.address_type", email.type),
     SETTING("email.port", email.port),
-    SETTING("status.sec", status.sec),
-    SETTING("status.usec", status.usec),
-    SETTING("status.sent", status.sent),
-    SETTING("status.message_status", status.message_status),
-    SETTING("status.error_code", status.error_code),
-    SETTING("status.error_message", status.error_message),
     SETTING("distribution.enabled", dist_enabled),
     SETTING("distribution.mode", dist_mode),
 };
@@ -79,6 +74,11 @@ Storage::Storage(const std::string &path, State &state) : db_(path) {
     const int64_t version = db_.user_version();
     if (version == 0) {
         create_schema();
+    } else if (version == 1) {
+        db::Transaction tx(db_);
+        outbox::upgrade_from_v1(db_);
+        db_.exec("PRAGMA user_version=" + std::to_string(kSchemaVersion));
+        tx.commit();
     } else if (version != kSchemaVersion) {
         throw std::runtime_error("database schema version " + std::to_string(version) +
                                  " is not supported (expected " + std::to_string(kSchemaVersion) +
@@ -102,16 +102,9 @@ void Storage::create_schema() {
         CREATE TABLE group_types(idx INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);
         CREATE TABLE user_commands(type_idx INTEGER NOT NULL, idx INTEGER NOT NULL,
             command TEXT NOT NULL, PRIMARY KEY(type_idx, idx)) WITHOUT ROWID;
-        -- Messages waiting for (or done with) delivery; a mailer picks up 'queued' rows
-        -- in id order and records its attempts.
-        CREATE TABLE outbox(id INTEGER PRIMARY KEY AUTOINCREMENT,
-            created_sec INTEGER NOT NULL, created_usec INTEGER NOT NULL,
-            profile TEXT NOT NULL, recipients TEXT NOT NULL, format INTEGER NOT NULL,
-            subject TEXT NOT NULL, body TEXT NOT NULL, state TEXT NOT NULL,
-            attempts INTEGER NOT NULL DEFAULT 0, last_attempt_sec INTEGER,
-            last_error TEXT);
-        CREATE INDEX outbox_by_state ON outbox(state, id);
     )");
+    // The outbox and the status objects, which the sender keeps (outbox.hpp).
+    outbox::create_schema(db_);
     save_settings(State{}, "");
     const std::pair<const char *, int> builtins[] = {{"full_txt", 1}, {"xml", 2}, {"short_txt", 3}};
     for (const auto &[name, format] : builtins) {
@@ -226,18 +219,32 @@ void Storage::put_distribution(bool enabled, uint32_t mode) {
     write_through([&] { save_settings(v, "distribution."); });
 }
 
-void Storage::queue(const std::vector<OutboxMessage> &messages, const Status &s) {
-    State v;
-    v.status = s;
+void Storage::queue(const std::vector<outbox::NewMessage> &messages, const timeval &now,
+                    const std::string &host) {
     write_through([&] {
         for (const auto &m : messages) {
-            db_.exec(
-                "INSERT INTO outbox(created_sec, created_usec, profile, recipients, "
-                "format, subject, body, state) VALUES(?, ?, ?, ?, ?, ?, ?, 'queued')",
-                {m.sec, m.usec, m.profile, m.recipients, int64_t(m.format), m.subject, m.body});
+            outbox::enqueue(db_, m, now, host);
         }
-        save_settings(v, "status.");
     });
+    if (!messages.empty() && listener_) {
+        listener_();
+    }
+}
+
+void Storage::record_failure(uint32_t code, const std::string &why) {
+    write_through([&] { outbox::record_failure_status(db_, code, why); });
+}
+
+outbox::Status Storage::status() {
+    return outbox::read_status(db_);
+}
+
+std::optional<int> Storage::retry(std::optional<int64_t> id) {
+    const auto n = outbox::retry_now(db_, id, int64_t(time(nullptr)));
+    if (n && *n > 0 && listener_) {
+        listener_();
+    }
+    return n;
 }
 
 void Storage::put_profile(const std::string &name, const Profile &p) {
@@ -315,16 +322,8 @@ void Storage::erase_command(const CmdKey &k) {
     });
 }
 
-std::vector<OutboxRow> Storage::outbox() {
-    std::vector<OutboxRow> rows;
-    db_.query("SELECT id, created_sec, created_usec, profile, recipients, format, subject, "
-              "body, state, attempts, last_error FROM outbox ORDER BY id",
-              {}, [&](const db::Row &r) {
-                  rows.push_back({r.integer(0), r.integer(1), r.integer(2), r.text(3), r.text(4),
-                                  r.integer(5), r.text(6), r.text(7), r.text(8), r.integer(9),
-                                  r.text(10)});
-              });
-    return rows;
+std::vector<outbox::Entry> Storage::outbox() {
+    return outbox::list(db_);
 }
 
 } // namespace callhome

@@ -3,13 +3,18 @@
 // matching write has committed, so what it serves is always what a restart would load.
 #pragma once
 
+#include <sys/time.h>
+#include <unistd.h>
+
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "schedule.hpp"
+#include "outbox.hpp"
 #include "state.hpp"
 #include "store.hpp"
 
@@ -22,16 +27,8 @@ struct OutboxMessage {
     int format = 0;
     std::string subject, body;
     std::string state = "queued"; // or "composing", "throttled"
-};
-
-// A row of the outbox as `callhomectl outbox` shows it.
-struct OutboxRow {
-    int64_t id = 0, sec = 0, usec = 0;
-    std::string profile, recipients;
-    int64_t format = 0;
-    std::string subject, body, state;
-    int64_t attempts = 0;
-    std::string last_error;
+    std::string group;            // the alert group
+    int severity = 0;
 };
 
 class Storage {
@@ -51,8 +48,12 @@ class Storage {
     void put_email(const EmailConf &e);
     void put_periodic(const Periodic &p);
     void put_distribution(bool enabled, uint32_t mode);
-    // Queues the messages and records the status of the action in one step.
-    void queue(const std::vector<OutboxMessage> &messages, const Status &s);
+    // Queues the messages in one step (outbox.hpp), then tells the outbox listener. `host`
+    // names this machine in their Message-IDs.
+    void queue(const std::vector<outbox::NewMessage> &messages, const timeval &now,
+               const std::string &host);
+    // An action that reached nobody: the status objects say failed, with `why`.
+    void record_failure(uint32_t code, const std::string &why);
 
     void put_profile(const std::string &name, const Profile &p); // its addresses and groups stay
     void erase_profile(const std::string &name);                 // with its addresses and groups
@@ -68,7 +69,14 @@ class Storage {
     void put_command(const CmdKey &k, const std::string &command);
     void erase_command(const CmdKey &k);
 
-    std::vector<OutboxRow> outbox();
+    std::vector<outbox::Entry> outbox();
+    // The status objects as the sender last recorded them (it writes through a connection
+    // of its own, so they are read afresh).
+    outbox::Status status();
+    // outbox::retry_now, then tells the outbox listener.
+    std::optional<int> retry(std::optional<int64_t> id);
+    // Called after messages were queued or made due (the sender's wake-up).
+    void set_outbox_listener(std::function<void()> listener) { listener_ = std::move(listener); }
 
     // The messages the service sends by itself (storage_messages.cpp). Queues the messages
     // and, when given, the periodic inventory's schedule in one step; returns their ids.
@@ -89,6 +97,10 @@ class Storage {
     void save_settings(State values, std::string_view prefix);
     void save_profile(const std::string &name, const Profile &p);
     // Runs `write` in one transaction, committed (durably) before returning.
+    static std::string host_name() {
+        char host[256] = {};
+        return gethostname(host, sizeof host - 1) == 0 && host[0] ? host : "localhost";
+    }
     template <class F> void write_through(F &&write) {
         db::Transaction tx(db_);
         write();
@@ -96,6 +108,8 @@ class Storage {
     }
 
     db::Database db_;
+    std::function<void()> listener_;
+    std::string host_ = host_name(); // in the Message-IDs
 };
 
 } // namespace callhome

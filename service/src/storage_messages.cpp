@@ -2,6 +2,8 @@
 // schedule (settings keys inventory.*).
 #include "storage.hpp"
 
+#include <unistd.h>
+
 namespace callhome {
 namespace {
 
@@ -29,12 +31,17 @@ std::vector<int64_t> Storage::queue_messages(const std::vector<OutboxMessage> &m
     std::vector<int64_t> ids;
     write_through([&] {
         for (const auto &m : messages) {
-            db_.exec("INSERT INTO outbox(created_sec, created_usec, profile, recipients, "
-                     "format, subject, body, state) VALUES(?, ?, ?, ?, ?, ?, ?, ?)",
-                     {m.sec, m.usec, m.profile, m.recipients, int64_t(m.format), m.subject, m.body,
-                      m.state});
-            db_.query("SELECT last_insert_rowid()", {},
-                      [&](const db::Row &r) { ids.push_back(r.integer(0)); });
+            outbox::NewMessage n;
+            n.profile = m.profile;
+            n.alert_group = m.group;
+            n.severity = m.severity;
+            n.recipients = outbox::split_recipients(m.recipients);
+            n.format = m.format;
+            n.subject = m.subject;
+            n.body = m.body;
+            n.state = m.state;
+            ids.push_back(
+                outbox::enqueue(db_, n, timeval{time_t(m.sec), suseconds_t(m.usec)}, host_));
         }
         db_.exec("DELETE FROM outbox WHERE state = 'throttled' AND id NOT IN (SELECT id FROM "
                  "outbox WHERE state = 'throttled' ORDER BY id DESC LIMIT ?)",
@@ -43,6 +50,9 @@ std::vector<int64_t> Storage::queue_messages(const std::vector<OutboxMessage> &m
             save_schedule(db_, *sched);
         }
     });
+    if (listener_) {
+        listener_();
+    }
     return ids;
 }
 
@@ -52,11 +62,17 @@ void Storage::complete_message(int64_t id, const std::string &subject, const std
                  "state = 'composing'",
                  {subject, body, id});
     });
+    if (listener_) {
+        listener_();
+    }
 }
 
 void Storage::release_composing() {
     write_through(
         [&] { db_.exec("UPDATE outbox SET state = 'queued' WHERE state = 'composing'"); });
+    if (listener_) {
+        listener_();
+    }
 }
 
 void Storage::put_schedule(const schedule::State &sched) {

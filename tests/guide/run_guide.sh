@@ -17,9 +17,10 @@ mkdir -p "$work/var" "$tmp/bin"
 free_port() { python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 snmp_port=$(free_port)
 trap_port=$(free_port)
+smtp_port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 
 export CALLHOME_STATE_DIR=$work/var CALLHOME_BUILD_DIR=$build
-export CALLHOME_SNMP_PORT=$snmp_port CALLHOME_TRAP_PORT=$trap_port
+export CALLHOME_SNMP_PORT=$snmp_port CALLHOME_TRAP_PORT=$trap_port CALLHOME_SMTP_PORT=$smtp_port
 if [[ $sanitize == ON ]]; then
     # snmpd is not instrumented and run.sh does not preload the sanitizer runtime into it:
     # the instrumented module runs in its own process instead.
@@ -88,7 +89,8 @@ expect() { # description, fixed text the transcript must contain
 expect "names come from CALLHOME-MIB" "CALLHOME-MIB::callHomeDestProfileMaxCount.0 = Gauge32: 50"
 expect "short text profile gets the short size" 'callHomeDestProfileMaxMsgSize."ops" = Gauge32: 4000'
 expect "alert groups read back" 'callHomeAlertGroups."ops" = Hex-STRING: 09 00 00 00 00 00 00 00'
-expect "the test message is in the outbox" "oncall@example.com"
+expect "the sink received the test message" "X-RcptTo: oncall@example.com"
+expect "the outbox says it was sent" '"state": "sent"'
 expect "the message status says sent" "callHomeMessageStatus.0 = INTEGER: sent(1)"
 expect "one message counted" "callHomeAlertsSentCount.0 = Counter32: 1"
 expect "an alert below a profile's level reaches nobody" "not queued"

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -460,6 +461,8 @@ TEST_F(Channel, UserCommandsWalkInTypeIndexOrder) {
     EXPECT_EQ(all, cmds());
 }
 
+// Queuing changes no status object (only the sender's attempts do, tested with a real SMTP
+// server in the daemon tests); a trigger that reaches nobody is an outcome of its own.
 TEST_F(Channel, AlertActionsRecordTheirOutcomeAndQueueOneMessagePerProfile) {
     enable();
     EXPECT_EQ(kInvalid, status(kAction, SET_REQ, action_rec("test call home")));
@@ -484,15 +487,9 @@ TEST_F(Channel, AlertActionsRecordTheirOutcomeAndQueueOneMessagePerProfile) {
     set(kGroup, profile_group_rec("tiny", "Test"));
     set(kProfile, profile_rec("silent", 1));
     set(kGroup, profile_group_rec("silent", "Test")); // no addresses
-    timeval before{};
-    gettimeofday(&before, nullptr);
     set(kAction, action_rec("Test Call Home"));
-    s = state();
-    EXPECT_EQ(1u, be(s.callhome_message_status));
-    EXPECT_EQ(3u, be(s.num_alerts_sent));
-    EXPECT_EQ(0u, be(s.callhome_error_code));
-    EXPECT_GE(be(s.last_alert_sent.tv_sec), uint32_t(before.tv_sec));
-    EXPECT_LT(be(s.last_alert_sent.tv_usec), 1000000u);
+    const auto after = state();
+    EXPECT_EQ(0, std::memcmp(&s, &after, sizeof s)) << "queuing changed the status";
     const std::string out = svc.admin({"outbox"}).second;
     EXPECT_NE(std::string::npos, out.find("\"recipients\": \"a@example.com, b@example.com\""));
     EXPECT_NE(std::string::npos, out.find("\"profile\": \"xml\""));
@@ -500,10 +497,11 @@ TEST_F(Channel, AlertActionsRecordTheirOutcomeAndQueueOneMessagePerProfile) {
     EXPECT_EQ(std::string::npos, out.find("short@example.org"));
     EXPECT_EQ(std::string::npos, out.find("\"profile\": \"silent\""));
     EXPECT_NE(std::string::npos, out.find("\"state\": \"queued\""));
+    EXPECT_NE(std::string::npos, out.find("\"alert_group\": \"Test\""));
     // The message for "tiny" honours its maximum size; escaped newlines count as one byte.
     const size_t at = out.find("\"body\": \"", out.find("\"profile\": \"tiny\""));
     ASSERT_NE(std::string::npos, at);
-    const std::string body = out.substr(at + 9, out.find("\",\n", at) - at - 9);
+    const std::string body = out.substr(at + 9, out.find("\"\n", at) - at - 9);
     size_t escapes = 0;
     for (size_t p = body.find("\\n"); p != std::string::npos; p = body.find("\\n", p + 2)) {
         ++escapes;
@@ -511,8 +509,14 @@ TEST_F(Channel, AlertActionsRecordTheirOutcomeAndQueueOneMessagePerProfile) {
     EXPECT_LE(body.size() - escapes, 60u);
     EXPECT_GT(body.size(), 0u);
 
-    set(kAction, action_rec("Inventory"));
-    EXPECT_EQ(5u, be(state().num_alerts_sent)); // short_txt and xml
+    set(kAction, action_rec("Inventory")); // short_txt and xml
+    const std::string all = svc.admin({"outbox"}).second;
+    size_t queued = 0;
+    for (size_t p = all.find("\"queued\""); p != std::string::npos;
+         p = all.find("\"queued\"", p + 1)) {
+        ++queued;
+    }
+    EXPECT_EQ(5u, queued);
 }
 
 TEST_F(Channel, StatusFaultsAnswerWithoutChangingAnything) {

@@ -15,6 +15,8 @@ struct AdminCommand {
         Ping,
         Dump,
         Outbox,
+        OutboxRetry,
+        SmtpServer,
         GroupAdd,
         GroupDel,
         Distribution,
@@ -25,17 +27,19 @@ struct AdminCommand {
         Alert,
     };
     Op op = Op::Ping;
-    std::string name;        // group add/del
-    bool enabled = false;    // distribution
-    uint32_t mode = 0;       // distribution
-    int opcode = 0;          // fault
-    std::optional<int> type; // fault: message type filter
-    int count = 1;           // fault: how many requests it applies to
-    int32_t status = 0;      // fault status
-    int delay_ms = 0;        // fault delay
-    int severity = 5;        // alert: 1..10
-    std::string subject;     // alert
-    std::string text;        // alert: the body
+    std::string name;          // group add/del; smtp-server host
+    std::optional<int64_t> id; // outbox retry
+    uint32_t port = 25;        // smtp-server
+    bool enabled = false;      // distribution
+    uint32_t mode = 0;         // distribution
+    int opcode = 0;            // fault
+    std::optional<int> type;   // fault: message type filter
+    int count = 1;             // fault: how many requests it applies to
+    int32_t status = 0;        // fault status
+    int delay_ms = 0;          // fault delay
+    int severity = 5;          // alert: 1..10
+    std::string subject;       // alert
+    std::string text;          // alert: the body
 };
 
 struct AdminUsageError {

@@ -43,6 +43,8 @@ class Service {
     using Notifier = std::function<void(int32_t id, const std::vector<uint8_t> &payload)>;
     // Called for every platform notification the service emits.
     void set_notifier(Notifier notifier);
+    // Called after messages were queued or a retry was asked for (the sender's wake-up).
+    void set_outbox_listener(std::function<void()> listener);
 
     // The event loop's side of the messages the service sends by itself (the periodic
     // inventory, finished commands): poll event_fd() for reading, wait at most timeout_ms()
