@@ -21,7 +21,7 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_STRIP_FILES TRUE)
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libsnmp40 (>= 5.9.3), libsqlite3-0 (>= 3.40), libsystemd0, snmpd, adduser")
+    "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libsnmp40 (>= 5.9.3), libsqlite3-0 (>= 3.40), libcurl4 (>= 7.88), libsystemd0, snmpd, adduser")
 
 # snmpd's configuration snippet is the administrator's once installed.
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <mutex>
+#include <stdexcept>
 
 #include "validate.hpp"
 
@@ -252,8 +252,6 @@ struct ListFreer {
     void operator()(curl_slist *l) const { curl_slist_free_all(l); }
 };
 
-std::once_flag g_curl_init;
-
 std::string local_name() {
     char host[256] = {};
     if (gethostname(host, sizeof host - 1) != 0 || !validate::host_name(host)) {
@@ -325,7 +323,12 @@ struct Client::Impl {
 };
 
 Client::Client(config::Delivery cfg) : impl_(std::make_unique<Impl>()) {
-    std::call_once(g_curl_init, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    // Once per process, before any other thread uses curl (a static's initialisation is
+    // thread-safe and, unlike std::call_once, needs no thread-local storage).
+    static const CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (global != CURLE_OK) {
+        throw std::runtime_error(std::string("curl_global_init: ") + curl_easy_strerror(global));
+    }
     impl_->cfg = std::move(cfg);
     impl_->multi.reset(curl_multi_init());
     if (!impl_->multi) {
@@ -441,7 +444,7 @@ Result Client::send(const Server &server, const Mail &mail) {
 
     // Refused by the server: its own words, permanent when it said 5xx. Every RCPT refused
     // counts as refused for good only when none of the refusals was temporary.
-    if (t.accepted_rcpts == 0 && !t.refused.empty() && t.last_command == "RCPT") {
+    if (t.accepted_rcpts == 0 && !t.refused.empty()) {
         return {any_temporary ? Outcome::Temporary : Outcome::Permanent, shorten(refused)};
     }
     if (t.last_code >= 400 && rc != CURLE_OPERATION_TIMEDOUT) {

@@ -1,6 +1,12 @@
 // Scalar writes through a real snmpd with snmpset, read back with snmpget and callhomectl.
 #include "agent_env.hpp"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
 namespace agent_test {
 namespace {
 
@@ -128,7 +134,10 @@ TEST_F(AgentScalarWrite, PeriodicInventoryKeepsTheOtherFields) {
     EXPECT_EQ(vbs[2].second, "STRING: \"09:05\"");
 }
 
-TEST_F(AgentScalarWrite, TestMessageLandsInTheOutboxAndTheStatusObjects) {
+// Queuing changes no status object; the delivery attempt's outcome does, and its reason is
+// shown whole although the module cuts four characters off what it shows. A server that
+// never greets holds the sender, never the agent.
+TEST_F(AgentScalarWrite, TestMessageOutcomeReachesTheStatusObjects) {
     ASSERT_EQ(error_status(set(R + ".1.1.2.0 s '+1 555 0100' " + R + ".1.1.3.0 s ops@example.com " +
                                R + ".1.1.4.0 s '1 Main Street' " + R + ".1.1.1.0 i 1")),
               "noError");
@@ -140,12 +149,41 @@ TEST_F(AgentScalarWrite, TestMessageLandsInTheOutboxAndTheStatusObjects) {
     EXPECT_NE(get(R + ".1.1.9.0").find("INTEGER: 1"), std::string::npos) << "a trigger reads 1";
     const auto outbox = ctl({"outbox"}).out;
     EXPECT_NE(outbox.find("oncall@example.com"), std::string::npos) << outbox;
-    EXPECT_NE(get(R + ".1.2.2.0").find("Counter32: 1"), std::string::npos);
-    EXPECT_NE(get(R + ".1.1.10.0").find("INTEGER: 1"), std::string::npos);
+    // No SMTP server is configured: the attempt fails at once, and nothing was sent.
+    ASSERT_TRUE(
+        eventually([&] { return get(R + ".1.1.10.0").find("INTEGER: 3") != std::string::npos; }));
+    EXPECT_NE(get(R + ".1.1.11.0")
+                  .find("message delivery failed -  no SMTP server configured "
+                        "(callHomeSmtpServerAddr)\""),
+              std::string::npos)
+        << get(R + ".1.1.11.0");
+    EXPECT_NE(get(R + ".1.2.2.0").find("Counter32: 0"), std::string::npos);
 
     // Writing 1 asks for no action at all.
     ASSERT_EQ(error_status(set(R + ".1.1.9.0 i 1")), "noError");
-    EXPECT_NE(get(R + ".1.2.2.0").find("Counter32: 1"), std::string::npos);
+    EXPECT_EQ(outbox.size(), ctl({"outbox"}).out.size());
+
+    // A listening socket nobody accepts from: the connection is made, no greeting comes.
+    const int silent = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(0, bind(silent, reinterpret_cast<sockaddr *>(&a), len));
+    ASSERT_EQ(0, listen(silent, 8));
+    getsockname(silent, reinterpret_cast<sockaddr *>(&a), &len);
+    ASSERT_EQ(error_status(set(R + ".1.1.18.0 i 1 " + R + ".1.1.19.0 x 7F000001 " + R +
+                               ".1.1.20.0 u " + std::to_string(ntohs(a.sin_port)))),
+              "noError");
+    ASSERT_EQ(error_status(set(R + ".1.1.9.0 i 2")), "noError");
+    ASSERT_TRUE(
+        eventually([&] { return ctl({"outbox"}).out.find("\"sending\"") != std::string::npos; }));
+    for (int i = 0; i < 3; ++i) {
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_NE(get(R + ".1.1.10.0").find("INTEGER: 3"), std::string::npos);
+        EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+    }
+    close(silent);
 }
 
 } // namespace

@@ -1,0 +1,470 @@
+// Delivery with a real SMTP server: callhomed as a process (short time-out and retry delays
+// from its --config file), configured through its request channel, sending to aiosmtpd
+// (tests/service/smtp_server.py) on a free port. What reaches the server, what the status
+// objects and the outbox say, what survives kill -9.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <dirent.h>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "callhome/config.hpp"
+#include "cmi.h"
+#include "platform/testing.hpp"
+#include "records.hpp"
+#include "smtp.hpp"
+
+using namespace svc_test;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+std::string slurp(const std::string &path) {
+    std::stringstream ss;
+    ss << std::ifstream(path).rdbuf();
+    return ss.str();
+}
+void spit(const std::string &path, const std::string &text, mode_t mode = 0600) {
+    std::ofstream(path) << text;
+    chmod(path.c_str(), mode);
+}
+bool contains(const std::string &hay, const std::string &needle) {
+    return hay.find(needle) != std::string::npos;
+}
+int free_tcp_port() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t n = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr *>(&a), n);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &n);
+    close(fd);
+    return ntohs(a.sin_port);
+}
+bool tcp_open(int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(uint16_t(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+    close(fd);
+    return ok;
+}
+// Polls every 20 ms for at most `seconds`: the bound only cuts a hung test short.
+template <class F> bool eventually(F done, double seconds = 20) {
+    const auto end = Clock::now() + std::chrono::milliseconds(int(seconds * 1000));
+    while (Clock::now() < end) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+}
+
+// A child process; killed and reaped when it goes out of scope.
+struct Proc {
+    pid_t pid = -1;
+    void start(const std::vector<std::string> &args, const std::string &log) {
+        pid = fork();
+        if (pid == 0) {
+            const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+            dup2(fd, 1);
+            dup2(fd, 2);
+            std::vector<char *> argv;
+            for (const auto &a : args) {
+                argv.push_back(const_cast<char *>(a.c_str()));
+            }
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    int stop(int sig = SIGKILL) {
+        int st = 0;
+        if (pid > 0) {
+            kill(pid, sig);
+            waitpid(pid, &st, 0);
+            pid = -1;
+        }
+        return st;
+    }
+    ~Proc() { stop(); }
+};
+
+class Delivery : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/callhome-delivery-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(tmpl));
+        dir = tmpl;
+        mail = dir + "/mail";
+        mkdir(mail.c_str(), 0700);
+        conf = dir + "/callhomed.conf";
+        write_config("");
+        platform::set_socket_path(dir + "/callhomed.sock");
+    }
+    void TearDown() override {
+        daemon.stop();
+        smtp.stop();
+        platform::disconnect();
+        platform::set_socket_path("");
+        std::system(("rm -rf '" + dir + "'").c_str());
+    }
+
+    void write_config(const std::string &extra) {
+        spit(conf, "smtp_timeout_s = 2\nretry_delays_s = 1, 1\n" + extra);
+    }
+    void start_smtp(std::vector<std::string> opts = {}) {
+        std::vector<std::string> args = {
+            "/usr/bin/python3", SMTP_SERVER_SCRIPT, "--port", std::to_string(port), "--dir", mail};
+        args.insert(args.end(), opts.begin(), opts.end());
+        smtp.start(args, dir + "/smtp.log");
+        ASSERT_TRUE(eventually([&] { return tcp_open(port); })) << slurp(dir + "/smtp.log");
+    }
+    void start_daemon() {
+        daemon.start({CALLHOMED_PATH, "--socket", dir + "/callhomed.sock", "--db",
+                      dir + "/callhome.db", "--config", conf},
+                     dir + "/callhomed.log");
+        ASSERT_TRUE(eventually([&] { return ctl({"ping"}).first == 0; }))
+            << slurp(dir + "/callhomed.log");
+    }
+    // callhomectl as a process: (exit status, output).
+    std::pair<int, std::string> ctl(std::vector<std::string> args) {
+        std::string line = std::string(CALLHOMECTL_PATH) + " --socket '" + dir + "/callhomed.sock'";
+        for (const auto &a : args) {
+            line += " '" + a + "'";
+        }
+        FILE *p = popen((line + " 2>&1").c_str(), "r");
+        std::string out;
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) {
+            out.append(buf, n);
+        }
+        const int st = pclose(p);
+        return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
+    }
+    // One request through the platform's channel, as the module sends it.
+    int request(int opcode, int type, Bytes rec, Bytes *answer = nullptr) {
+        void *resp = nullptr;
+        uint32_t len = uint32_t(rec.size());
+        const int st = cmi_req_resp(opcode, type, rec.data(), answer ? &resp : nullptr, &len,
+                                    "tester", 0, 0, 0, 2);
+        if (answer && resp) {
+            answer->assign(static_cast<uint8_t *>(resp), static_cast<uint8_t *>(resp) + len);
+        }
+        free(resp);
+        return st;
+    }
+    // Contact details, the service on, the headers and server, profile "p" with `to`
+    // subscribed to Test.
+    void configure(const Strings &to) {
+        const std::pair<int, Bytes> writes[] = {
+            {CALLHOME_INFO_OPC, info_rec("sysContactEmail", "noc@example.com")},
+            {CALLHOME_INFO_OPC, info_rec("sysContactPhoneNumber", "+1 555 0100")},
+            {CALLHOME_INFO_OPC, info_rec("sysStreetAddress", "1 Main Street")},
+            {CALLHOME_ENABLE_OPC, switch_rec(1)},
+            {CALLHOME_EMAIL_CONF_OPC,
+             email_conf_rec("dev@example.com", "noc@example.com", "receipts@example.com",
+                            "127.0.0.1", 1, uint32_t(port))},
+            {CALLHOME_DEST_PROFILE_OPC, profile_rec("p", 1)},
+            {CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec("p", "Test")},
+        };
+        for (const auto &[op, rec] : writes) {
+            ASSERT_EQ(0, request(op, SET_REQ, rec)) << op;
+        }
+        for (size_t i = 0; i < to.size(); ++i) {
+            ASSERT_EQ(0, request(CALLHOME_DEST_EMAIL_OPC, SET_REQ,
+                                 dest_email_rec("p", int32_t(i + 1), to[i])));
+        }
+    }
+    void trigger() {
+        ASSERT_EQ(0, request(CALLHOME_ALERT_ACTION_OPC, SET_REQ, action_rec("Test Call Home")));
+    }
+    callhome_status_t status() {
+        Bytes b;
+        EXPECT_EQ(0, request(CALLHOME_STATUS_OPC, GET_REQ, {}, &b));
+        return record_of<callhome_status_t>(b);
+    }
+    std::string outbox() { return ctl({"outbox"}).second; }
+    // The newest message of the outbox listing.
+    std::string newest() {
+        const std::string box = outbox();
+        const size_t at = box.rfind("\"id\": ");
+        return at == std::string::npos ? "" : box.substr(at);
+    }
+    std::vector<std::string> received() {
+        std::vector<std::string> names;
+        if (DIR *d = opendir(mail.c_str())) {
+            while (dirent *e = readdir(d)) {
+                const std::string n = e->d_name;
+                if (n.rfind("msg-", 0) == 0 && !contains(n, ".tmp")) {
+                    names.push_back(n);
+                }
+            }
+            closedir(d);
+        }
+        std::sort(names.begin(), names.end());
+        std::vector<std::string> out;
+        for (const auto &n : names) {
+            out.push_back(slurp(mail + "/" + n));
+        }
+        return out;
+    }
+    bool in_outbox(const std::string &text) { return contains(outbox(), text); }
+
+    std::string dir, mail, conf;
+    int port = free_tcp_port();
+    Proc smtp, daemon;
+};
+
+TEST_F(Delivery, AcceptedMessageCarriesEveryHeaderAndOnlyTheAcceptedRecipients) {
+    start_smtp({"--reject", "gone@example.com"});
+    start_daemon();
+    configure({"a@example.com", "gone@example.com", "b@example.org"});
+    auto s = status();
+    EXPECT_EQ(2u, be(s.callhome_message_status)); // none tried yet
+    EXPECT_EQ(0u, be(s.num_alerts_sent));
+    trigger();
+    ASSERT_TRUE(eventually([&] { return received().size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return in_outbox("\"state\": \"sent\""); })) << outbox();
+    const std::string m = received()[0];
+    EXPECT_EQ(0u, m.find("from: dev@example.com\nrcpt: a@example.com\nrcpt: b@example.org\n\n"))
+        << m;
+    for (const char *h :
+         {"\nFrom: dev@example.com\r\n",
+          "\nTo: a@example.com,\r\n gone@example.com,\r\n b@example.org\r\n",
+          "\nReply-To: noc@example.com\r\n",
+          "\nDisposition-Notification-To: receipts@example.com\r\n", "\nSubject: Call home test",
+          "\nDate: ", " +0000\r\n", "\nMessage-ID: <", "\nMIME-Version: 1.0\r\n",
+          "\nContent-Type: text/plain; charset=UTF-8\r\n",
+          "\r\n\r\nMessage type: Test Call Home"}) {
+        EXPECT_TRUE(contains(m, h)) << h << "\n" << m;
+    }
+    s = status();
+    EXPECT_EQ(1u, be(s.callhome_message_status));
+    EXPECT_EQ(1u, be(s.num_alerts_sent));
+    EXPECT_NE(0u, be(s.last_alert_sent.tv_sec));
+    EXPECT_EQ("", text(s.callhome_error_message));
+    const std::string box = outbox();
+    EXPECT_TRUE(contains(box, "550 5.1.1 unknown mailbox gone@example.com")) << box;
+    EXPECT_TRUE(contains(box, "\"attempts\": 1")) << box;
+    EXPECT_FALSE(contains(box, "\"sent_at\": \"\"")) << box;
+}
+
+// A refusal's words reach the status objects whole (the module cuts four characters off
+// what it shows: the service pads for that); only temporary causes are retried.
+TEST_F(Delivery, FailuresKeepTheServersWordsAndOnlyTemporaryOnesAreRetried) {
+    struct Case {
+        const char *what;
+        Strings server; // smtp_server.py options; empty: nothing listens
+        std::string reason;
+        int attempts; // with retry_delays_s = 1, 1: three for a temporary cause
+    };
+    const std::string at = "127.0.0.1:" + std::to_string(port);
+    const Case cases[] = {
+        {"every recipient refused",
+         {"--reject", "ops@example.com"},
+         "550 5.1.1 unknown mailbox ops@example.com",
+         1},
+        {"4xx", {"--tempfail"}, "451 4.3.0 mailbox busy, try again later ops@example.com", 3},
+        {"refused connection", {}, "connection to " + at + " refused", 3},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        smtp.stop();
+        if (!c.server.empty()) {
+            start_smtp(c.server);
+        }
+        if (daemon.pid < 0) {
+            start_daemon();
+            configure({"ops@example.com"});
+        }
+        const size_t before = received().size();
+        trigger();
+        ASSERT_TRUE(eventually([&] { return contains(newest(), "\"state\": \"failed\""); }))
+            << outbox();
+        const auto s = status();
+        EXPECT_EQ(3u, be(s.callhome_message_status));
+        EXPECT_EQ(0x403B0041u, be(s.callhome_error_code));
+        const std::string shown = text(s.callhome_error_message);
+        EXPECT_EQ(c.reason, shown.substr(0, shown.size() - 4));
+        const std::string box = newest();
+        EXPECT_TRUE(contains(box, "\"attempts\": " + std::to_string(c.attempts))) << box;
+        EXPECT_TRUE(contains(box, "\"last_error\": \"" + c.reason + "\"")) << box;
+        EXPECT_EQ(0u, be(s.num_alerts_sent));
+        EXPECT_EQ(before, received().size());
+    }
+    EXPECT_EQ(1, ctl({"outbox", "retry", "99"}).first); // no such message
+}
+
+TEST_F(Delivery, RefusedThenServerUpIsDeliveredOnRetryAndKillNineNeverSendsTwice) {
+    write_config("retry_delays_s = 1, 1, 1, 1, 1, 1, 1, 1, 1, 1\n");
+    start_daemon();
+    configure({"ops@example.com"});
+    trigger();
+    ASSERT_TRUE(eventually([&] { return in_outbox("\"state\": \"retrying\""); })) << outbox();
+    // Killed while the message waits for its next attempt: it is delivered after the restart.
+    daemon.stop(SIGKILL);
+    start_smtp();
+    start_daemon();
+    ASSERT_TRUE(eventually([&] { return received().size() == 1; })) << outbox();
+    ASSERT_TRUE(eventually([&] { return in_outbox("\"state\": \"sent\""); })) << outbox();
+    EXPECT_EQ(1u, be(status().callhome_message_status));
+    EXPECT_EQ(1u, be(status().num_alerts_sent));
+    // Its acceptance was recorded: another kill -9 and restart send nothing again.
+    daemon.stop(SIGKILL);
+    start_daemon();
+    EXPECT_EQ(0, ctl({"outbox", "retry"}).first);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_EQ(1u, received().size());
+    EXPECT_EQ(1u, be(status().num_alerts_sent));
+}
+
+// A server that accepts the connection and never greets costs the sender its time-out, not
+// the request channel a moment.
+TEST_F(Delivery, SilentServerDoesNotDelayTheChannel) {
+    start_smtp({"--silent"});
+    start_daemon();
+    configure({"ops@example.com"});
+    trigger();
+    ASSERT_TRUE(eventually([&] { return in_outbox("\"state\": \"sending\""); })) << outbox();
+    for (int i = 0; i < 5; ++i) {
+        const auto t0 = Clock::now();
+        EXPECT_EQ(0, ctl({"ping"}).first);
+        EXPECT_EQ(2u, be(status().callhome_message_status));
+        EXPECT_LT(Clock::now() - t0, std::chrono::seconds(1));
+    }
+    ASSERT_TRUE(eventually([&] { return be(status().callhome_message_status) == 3; }));
+    const std::string shown = text(status().callhome_error_message);
+    EXPECT_EQ("no greeting from 127.0.0.1:" + std::to_string(port) + " within 2 s",
+              shown.substr(0, shown.size() - 4));
+}
+
+// STARTTLS with a throw-away certificate, then AUTH PLAIN; a wrong password fails at once
+// with the server's reply, and the password never shows.
+TEST_F(Delivery, StartTlsAndLogin) {
+    const std::string cert = dir + "/cert.pem", key = dir + "/key.pem";
+    ASSERT_EQ(0, std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "
+                              "/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout '" +
+                              key + "' -out '" + cert + "' 2>/dev/null")
+                                 .c_str()));
+    start_smtp({"--cert", cert, "--key", key, "--login", "device:s3cret-pass"});
+    struct Case {
+        const char *password;
+        const char *expected; // in the outbox
+    } const cases[] = {
+        {"wrong", "\"state\": \"failed\",\n    \"attempts\": 1,\n    \"last_error\": \"535 "},
+        {"s3cret-pass", "\"state\": \"sent\""}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.password);
+        daemon.stop();
+        spit(dir + "/password", std::string(c.password) + "\n");
+        write_config("smtp_security = starttls\nsmtp_user = device\nsmtp_password_file = " + dir +
+                     "/password\nsmtp_ca_file = " + cert + "\n");
+        start_daemon();
+        if (&c == &cases[0]) {
+            configure({"ops@example.com"});
+        }
+        trigger();
+        ASSERT_TRUE(eventually([&] { return contains(newest(), c.expected); })) << outbox();
+        EXPECT_FALSE(
+            contains(ctl({"dump"}).second + outbox() + slurp(dir + "/callhomed.log"), c.password));
+    }
+    const auto got = received();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_TRUE(contains(got[0], "auth: device\n")) << got[0];
+}
+
+TEST(DeliveryConfig, BadFilesAreRefusedWithFileLineAndReason) {
+    char tmpl[] = "/tmp/callhome-conf-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(tmpl));
+    const std::string dir = tmpl, path = dir + "/c.conf", pw = dir + "/pw";
+    spit(pw, "secret\n", 0600);
+    spit(dir + "/open", "secret\n", 0644);
+    struct Case {
+        std::string text, error; // error empty: accepted
+    } const cases[] = {
+        {"# nothing but comments\n\n", ""},
+        {"smtp_security = tls\nsmtp_timeout_s = 600\nretry_delays_s = 5,10\n", ""},
+        {"smtp_user = u\nsmtp_password_file = " + pw + "\n", ""},
+        {"\nsmtp_security = ssl\n", ":2: smtp_security must be none, starttls or tls"},
+        {"smtp_timeout_s = 0\n", ":1: smtp_timeout_s must be"},
+        {"smtp_timeout_s = 30s\n", ":1: smtp_timeout_s must be"},
+        {"retry_delays_s = 30, -1\n", ":1: retry_delays_s must be"},
+        {"smtp_sever = x\n", ":1: unknown key 'smtp_sever'"},
+        {"smtp_user\n", ":1: expected 'key = value'"},
+        {"smtp_user = u\nsmtp_password_file = " + dir + "/none\n", ":2: smtp_password_file"},
+        {"smtp_user = u\nsmtp_password_file = " + dir + "/open\n", ":2: smtp_password_file"},
+        {"smtp_password_file = " + pw + "\n", ":1: smtp_password_file given without smtp_user"},
+        {"smtp_ca_file = " + dir + "/none\n", ":1: smtp_ca_file"},
+    };
+    for (const auto &c : cases) {
+        spit(path, c.text);
+        try {
+            const auto d = callhome::config::load(path);
+            EXPECT_EQ("", c.error) << c.text;
+        } catch (const callhome::config::Error &e) {
+            EXPECT_NE("", c.error) << e.what();
+            EXPECT_EQ(0u, std::string(e.what()).find(path + c.error)) << e.what();
+            EXPECT_FALSE(contains(e.what(), "secret"));
+        }
+    }
+    // The shipped example holds the defaults.
+    const auto d = callhome::config::load(PACKAGED_CONFIG);
+    EXPECT_EQ(callhome::config::Security::None, d.security);
+    EXPECT_EQ(30, d.timeout_s);
+    EXPECT_EQ((std::vector<int>{30, 120, 600, 1800}), d.retry_delays_s);
+    // The daemon stops at start with the same words.
+    spit(path, "smtp_security = maybe\n");
+    Proc p;
+    p.start({CALLHOMED_PATH, "--socket", dir + "/s", "--db", dir + "/db", "--config", path},
+            dir + "/log");
+    EXPECT_EQ(1, WEXITSTATUS(p.stop(0)));
+    EXPECT_TRUE(contains(slurp(dir + "/log"), path + ":1: smtp_security must be"))
+        << slurp(dir + "/log");
+    std::system(("rm -rf '" + dir + "'").c_str());
+}
+
+// Line lengths and non-ASCII text pick the transfer encoding; headers stay one line each.
+TEST(DeliveryFormat, EncodingFollowsTheBody) {
+    callhome::smtp::Mail m;
+    m.from = "a@example.com";
+    m.to = {"b@example.com"};
+    m.subject = "Pr\xC3\xBC"
+                "fung\r\nBcc: x@example.com";
+    m.message_id = "<1@h>";
+    struct Case {
+        std::string body;
+        std::vector<std::string> expected;
+    } const cases[] = {
+        {"plain\nlines\n", {"Transfer-Encoding: 7bit\r\n", "\r\n\r\nplain\r\nlines\r\n"}},
+        {"gr\xC3\xBC\xC3\x9F =\n", {"quoted-printable\r\n", "\r\n\r\ngr=C3=BC=C3=9F =3D\r\n"}},
+        {std::string(1000, 'x') + "\n", {"quoted-printable\r\n", "=\r\nxxx"}},
+    };
+    for (const auto &c : cases) {
+        m.body = c.body;
+        const std::string out = callhome::smtp::format(m);
+        for (const auto &e : c.expected) {
+            EXPECT_TRUE(contains(out, e)) << e << "\n" << out;
+        }
+        EXPECT_TRUE(contains(out, "\r\nSubject: =?UTF-8?B?")) << out;
+        EXPECT_FALSE(contains(out, "\r\nBcc:")) << out;
+    }
+}
+
+} // namespace
