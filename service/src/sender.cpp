@@ -57,7 +57,10 @@ MailSettings read_settings(db::Database &db) {
 
 struct Sender::Impl {
     Impl(const std::string &db_path, config::Delivery c)
-        : db_(db_path), cfg_(std::move(c)), client_(cfg_) {}
+        : db_(db_path), cfg_(std::move(c)), client_(cfg_) {
+        // A recorded acceptance must survive a crash, or the message would go out twice.
+        db_.exec("PRAGMA synchronous=FULL");
+    }
     void run();
     bool deliver_one();
 
