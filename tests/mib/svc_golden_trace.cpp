@@ -232,6 +232,7 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     }
     set({num(CALLHOMEENABLE, 1)});
     set({num(CALLHOMEDEVICESERVICEPRIORITY, 3)});
+    fail(CALLHOME_ALERT_ACTION_OPC, SET_REQ, 0); // accepted without sending a message
     set({num(CALLHOMEALERTTEST, 2)});
     set({num(MSGTHROTTLINGENABLE, 2)});
     set({num(CALLHOMESMTPSERVERADDRTYPE, 1),
