@@ -41,27 +41,15 @@ TEST_F(AgentScalarWrite, RefusalsCarryTheirStatusAndChangeNothing) {
     struct Case {
         std::string args, status;
     };
+    // One per status as the manager sees it; each handler's boundaries are in the unit tables
+    // (tests/mib/test_scalars.cpp).
     const std::vector<Case> cases = {
         {".1.1.7.0 s ' lab'", "wrongValue"}, // leading space
-        {".1.1.7.0 s 'lab '", "wrongValue"}, // trailing space
         {".1.1.7.0 i 3", "wrongType"},
         {".1.1.7.0 s ''", "wrongLength"},
-        {".1.1.4.0 s " + std::string(256, 'a'), "wrongLength"},
         {".1.1.2.0 s 1800", "genErr"}, // phone number without '+'
-        {".1.1.2.0 s +1234567890123456789", "wrongLength"},
-        {".1.1.1.0 i 3", "wrongValue"},
-        {".1.1.8.0 i 9", "wrongValue"},
-        {".1.1.9.0 i 4", "wrongValue"},
-        {".1.1.29.0 s on", "wrongType"},
         {".1.1.18.0 i 3", "badValue"},
-        {".1.1.20.0 u 0", "wrongValue"},
-        {".1.1.20.0 u 65536", "wrongValue"},
-        {".1.1.20.0 i 25", "wrongType"},
-        {".1.1.28.0 u 31", "wrongValue"},
-        {".1.1.33.1.0 s 24:00", "wrongValue"},
-        {".1.1.33.1.0 s 9:30", "wrongValue"},
-        {".1.1.33.1.0 s 12:ab", "wrongValue"},
-        {".1.1.33.1.0 s 012:00", "wrongLength"},
+        {".1.1.33.1.0 s 24:00", "wrongValue"}, // refused in ACTION
     };
     for (const auto &c : cases) {
         EXPECT_EQ(error_status(set(R + c.args)), c.status) << c.args;

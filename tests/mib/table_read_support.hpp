@@ -128,12 +128,4 @@ inline Reply serve_types(const Types &types, const platform::CmiRequest &r) {
     return status_reply(get ? CALLHOME_UNKNOWN_ENTRY : CALLHOME_END_OF_TABLE);
 }
 
-// A trace at `level` that starts with `prefix`.
-inline bool traced(int level, const std::string &prefix) {
-    const auto h = platform::trace_history();
-    return std::any_of(h.begin(), h.end(), [&](const auto &e) {
-        return e.first == level && e.second.rfind(prefix, 0) == 0;
-    });
-}
-
 } // namespace callhome_read_test

@@ -85,6 +85,17 @@ TEST_F(Module, TextIndexesInOids) {
     }
 }
 
+// Both parts get a leading zero when 9 or less, even a negative one; nothing is range-checked.
+TEST(TimeOfDayText, MinutesAsHHMM) {
+    const std::pair<long, const char *> cases[] = {
+        {0, "00:00"},    {59, "00:59"},    {60, "01:00"},    {605, "10:05"},   {1439, "23:59"},
+        {1440, "24:00"}, {6000, "100:00"}, {-30, "00:0-30"}, {-61, "0-1:0-1"}, {-600, "0-10:00"}};
+    for (const auto &[minutes, text] : cases) {
+        EXPECT_STREQ(to_HHMM_string(minutes), text) << minutes;
+        EXPECT_EQ(HHMM_buf, to_HHMM_string(minutes)); // the module-wide buffer outlives the call
+    }
+}
+
 TEST_F(Module, TraceRecordsLevelAndTextCutToItsBuffer) {
     platform::clear_trace_history();
     callhome_trace(CALLHOME_TRACE_INFO, "%s : RESERVE1 -- done \n", "set_x");

@@ -46,11 +46,6 @@ int run(WriteMethod *handler, int action, Value v) {
     return handler(action, v.bytes.data(), v.type, v.len, nullptr, nullptr, 0);
 }
 
-bool has_trace(const std::string &text, int level = CALLHOME_TRACE_INFO) {
-    const auto history = platform::trace_history();
-    return std::find(history.begin(), history.end(), std::make_pair(level, text)) != history.end();
-}
-
 // Records as they travel.
 template <class R> Bytes wire(const R &r) {
     const auto *p = reinterpret_cast<const uint8_t *>(&r);
@@ -295,7 +290,7 @@ TEST_F(Scalars, ReadValuesAndDefaults) {
     }
 }
 
-TEST_F(Scalars, ReadEmailAnswerIsKeptInHostOrderAndFailuresAreTraced) {
+TEST_F(Scalars, ReadEmailAnswerIsKeptInHostOrder) {
     callhome_email_conf = {};
     channel.set_default(email(CALLHOME_ADDR_DNS, "mail.example.com", 587));
     get(CALLHOMEEMAILFROM);
@@ -312,14 +307,6 @@ TEST_F(Scalars, ReadEmailAnswerIsKeptInHostOrderAndFailuresAreTraced) {
     EXPECT_EQ(std::make_pair(sent.smtp_server_port, sent.address_type),
               std::make_pair(be32(587), be32(16)));
     EXPECT_EQ(callhome_email_conf.smtp_server_port, 587u);
-
-    platform::clear_trace_history();
-    channel.answer_errno(ETIME);
-    get(CALLHOMESITEID);
-    const auto history = platform::trace_history();
-    ASSERT_FALSE(history.empty());
-    EXPECT_EQ(history.back(), std::make_pair(100, std::string("get_using_cmi : Req failed : ") +
-                                                      strerror(-1) + "\n"));
 }
 
 TEST_F(Scalars, ReadLastAlertTimeIsTheAgentsUptimeThen) {
@@ -368,20 +355,17 @@ TEST_F(Scalars, ReadPeriodicInventoryReadForAWrite) {
 TEST_F(Scalars, WriteSetScalarOutcomes) {
     struct Case {
         int status, err, expected;
-        const char *outcome; // the trace's end; null: refused input
+        bool logged; // refused input goes to the error record instead
     };
-    const std::string minus_one = std::string("SET failed : ") + strerror(-1);
-    const Case cases[] = {
-        {0, 0, SNMP_ERR_NOERROR, "SET succeeded"},
-        {CALLHOME_UNKNOWN_ENTRY, 0, SNMP_ERR_NOSUCHNAME, "SET failed : unknown entry"},
-        {CALLHOME_ERR_NO_MEMORY, 0, SNMP_ERR_GENERR, "SET failed : out of memory"},
-        {-1, EIO, SNMP_ERR_GENERR, minus_one.c_str()},
-        {CALLHOME_ERR_INVALID_INPUT, 0, SNMP_ERR_GENERR, nullptr}};
+    const Case cases[] = {{0, 0, SNMP_ERR_NOERROR, true},
+                          {CALLHOME_UNKNOWN_ENTRY, 0, SNMP_ERR_NOSUCHNAME, true},
+                          {CALLHOME_ERR_NO_MEMORY, 0, SNMP_ERR_GENERR, true},
+                          {-1, EIO, SNMP_ERR_GENERR, true},
+                          {CALLHOME_ERR_INVALID_INPUT, 0, SNMP_ERR_GENERR, false}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.status);
         platform::clear_errors();
         platform::clear_heartbeat_log();
-        platform::clear_trace_history();
         answer(c.status, c.err);
         char record[] = "abc";
         EXPECT_EQ(set_Scalar(CALLHOME_INFO_OPC, 4, record, 10), c.expected);
@@ -392,16 +376,12 @@ TEST_F(Scalars, WriteSetScalarOutcomes) {
         EXPECT_EQ(std::make_tuple(r.user, r.session, r.client, r.wait),
                   std::make_tuple(std::string("operator"), 77u, 0, 10));
         EXPECT_EQ(platform::heartbeat_log(), (std::vector<int>{1, 0}));
-        EXPECT_TRUE(has_trace("set_Scalar : Setting opcode = 2155, data = abc\n"));
-        EXPECT_EQ(platform::trace_history().size(), c.outcome ? 2u : 1u);
-        EXPECT_TRUE(!c.outcome || has_trace(std::string("set_Scalar : ") + c.outcome + "\n",
-                                            c.status ? CALLHOME_TRACE_ERROR : CALLHOME_TRACE_INFO));
         EXPECT_EQ(platform::last_set_error(),
-                  c.status && c.outcome ? std::make_pair(c.status, 472) : std::make_pair(0, 0));
+                  c.status && c.logged ? std::make_pair(c.status, 472) : std::make_pair(0, 0));
         EXPECT_EQ(platform::last_snmp_error(),
-                  c.outcome ? std::make_pair(0, std::string())
-                            : std::make_pair(int32_t{CALLHOME_ERR_INVALID_INPUT},
-                                             std::string("invalid input")));
+                  c.logged ? std::make_pair(0, std::string())
+                           : std::make_pair(int32_t{CALLHOME_ERR_INVALID_INPUT},
+                                            std::string("invalid input")));
     }
 }
 
@@ -451,11 +431,9 @@ TEST_F(Scalars, WriteReserve1TypeAndLengthComplaints) {
             {c.type == S ? text(std::string(c.max + 1, '+')) : num(1, c.type, 9),
              length_complaint}};
         for (const auto &[value, complaint] : complaints) {
-            platform::clear_trace_history();
             const auto [status, err] = run_captured(c.handler, RESERVE1, value);
             EXPECT_EQ(status, value.type == c.type ? SNMP_ERR_WRONGLENGTH : SNMP_ERR_WRONGTYPE);
             EXPECT_EQ(err, c.family == Stderr ? complaint : "");
-            EXPECT_EQ(has_trace(complaint), c.family != Stderr) << complaint;
         }
         EXPECT_EQ(run(c.handler, RESERVE1,
                       c.type == S ? text("+" + std::string(c.max - 1, '7')) : num(1, c.type, 4)),
@@ -503,8 +481,6 @@ TEST_F(Scalars, WriteReserve1Values) {
             EXPECT_EQ(run(c.handler, RESERVE1, num(v, gauge ? ASN_GAUGE : ASN_INTEGER)), 0) << v;
         }
     }
-    EXPECT_TRUE(has_trace("set_MsgThrottlingEnable : Wrong value ( shd be true/false) \n"));
-    EXPECT_TRUE(has_trace("set_PeriodicSwInventoryTimeFrame : Wrong value ( shd be 1 ...30) \n"));
 
     // SnmpAdminString: no space at either end (the phone number has its own rule).
     for (const auto &c : kTexts) {
@@ -515,11 +491,8 @@ TEST_F(Scalars, WriteReserve1Values) {
         }
         EXPECT_EQ(run(c.handler, RESERVE1, text(c.max == 17 ? "+1 2" : "in\tside")), 0);
     }
-    EXPECT_TRUE(has_trace("set_callHomeSiteId : leading/trailing space is not allowed in "
-                          "SnmpAdminString type\n"));
     EXPECT_EQ(run(set_callHomeSmtpServerAddr, RESERVE1, text(" any ")), 0); // type not known yet
     EXPECT_EQ(run(set_PeriodicSwInventoryTimeOfDay, RESERVE1, text("24:00")), 0); // see ACTION
-    EXPECT_TRUE(has_trace("set_PeriodicSwInventoryTimeOfDay : in RESERVE1 \n"));
     // The phone number: '+', then digits, spaces and dashes; a bad one goes to the error
     // record, not the trace.
     for (const char *phone :
@@ -588,11 +561,6 @@ TEST_F(Scalars, WriteActionSendsTheRecord) {
             EXPECT_EQ(email_record(callhome_email_conf), c.record);
         }
     }
-    // One trace of the new value per family.
-    EXPECT_TRUE(
-        has_trace("set_callHomeEmailReplyTo : reply-To  being set to ops team@example.com\n"));
-    EXPECT_TRUE(has_trace("set_callHomeEnable : CallhomeEnable being set to 1\n"));
-    EXPECT_TRUE(has_trace("set_callHomeSmtpServerPort : SMTP port  being set to 587\n"));
     // A text stops at its length or its first NUL.
     u_char bytes[] = {'a', 'b', 0, 'c', 'd', 'e'};
     EXPECT_EQ(set_callHomeSiteId(ACTION, bytes, ASN_OCTET_STR, 5, nullptr, nullptr, 0), 0);
@@ -643,7 +611,6 @@ TEST_F(Scalars, WriteSmtpAddressMustFitTheType) {
     callhome_email_conf.address_type = 1; // a read in between
     EXPECT_EQ(run(set_callHomeSmtpServerAddrType, RESERVE2, num(2)), 0);
     EXPECT_EQ(callhome_email_conf.address_type, 2u);
-    EXPECT_TRUE(has_trace("R2 - set_callHomeSmtpServerAddrType : Address Type 2\n"));
 
     const std::string v4("\xC0\x00\x02\x0A", 4), name255(255, 'h');
     const std::string v6("\x20\x01\x0D\xB8\0\0\0\0\0\0\0\0\0\0\0\x01", 16);
@@ -661,12 +628,9 @@ TEST_F(Scalars, WriteSmtpAddressMustFitTheType) {
         SCOPED_TRACE(std::to_string(type) + " / " + std::to_string(value.size()));
         strcpy(callhome_email_conf.smtp_server, "unchanged");
         callhome_email_conf.address_type = type;
-        platform::clear_trace_history();
         EXPECT_EQ(run(set_callHomeSmtpServerAddr, RESERVE2, text(value)),
                   stored ? 0 : SNMP_ERR_WRONGVALUE);
         EXPECT_STREQ(callhome_email_conf.smtp_server, stored ? stored : "unchanged");
-        EXPECT_TRUE(has_trace("R2 set_callHomeSmtpServerAddr : SMTP server address type " +
-                              std::to_string(type) + "\n"));
     }
     EXPECT_EQ(channel.count(), 0u);
     // ACTION sends what RESERVE2 stored.
@@ -726,24 +690,14 @@ TEST_F(Scalars, WritePeriodicWritesKeepTheOtherFields) {
             std::make_tuple(set.opcode, set.msg_type, set.wait, set.wants_record, set.record),
             std::make_tuple(int{CALLHOME_PERIODIC_INVENTORY_OPC}, int{SET_REQ}, 10, false, c.sent));
     }
-    EXPECT_TRUE(has_trace(
-        "set_PeriodicSwInventoryTimeFrame : PeriodicSwInventoryTimeFrame being set to 3\n"));
-    EXPECT_TRUE(has_trace(
-        "set_PeriodicSwInventoryTimeOfDay : PeriodicSwInventoryTimeFrame being set to 545\n"));
 }
 
 // The time of day is checked in ACTION, before anything is read or sent.
 TEST_F(Scalars, WriteTimeOfDayIsCheckedInAction) {
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"24:00", "12:60", "-1:30"}, "out of range error"},
-        {{"9:30", "0930", "12:", "12:ab", "ab:12", ""}, "bad format (should be in HH:MM)"}};
-    for (const auto &[values, why] : cases) {
-        for (const auto &value : values) {
-            platform::clear_trace_history();
-            EXPECT_EQ(run(set_PeriodicSwInventoryTimeOfDay, ACTION, text(value)),
-                      SNMP_ERR_WRONGVALUE);
-            EXPECT_TRUE(has_trace("set_PeriodicSwInventoryTimeOfDay : " + why + " \n")) << value;
-        }
+    for (const char *value :
+         {"24:00", "12:60", "-1:30", "9:30", "0930", "12:", "12:ab", "ab:12", ""}) {
+        EXPECT_EQ(run(set_PeriodicSwInventoryTimeOfDay, ACTION, text(value)), SNMP_ERR_WRONGVALUE)
+            << value;
     }
     EXPECT_EQ(channel.count(), 0u);
 }

@@ -145,10 +145,6 @@ TEST_F(TableReadTest, ReadsDecodeTheirIndexIntoTheKeySent) {
         EXPECT_LE(channel->count(), 1u);
         EXPECT_EQ(channel->count() == 0 ? "-" : sent_key(channel->last()), want) << "case " << i;
     }
-    EXPECT_TRUE(traced(CALLHOME_TRACE_INFO,
-                       "get_callHomeDestProfileEntry_instance : else return match -failed \n"));
-    EXPECT_TRUE(traced(CALLHOME_TRACE_ERROR,
-                       "get_callhome_alertgroups_instance : destination_profile_id  not set \n"));
     // A GETNEXT from outside the column starts at the first row.
     const Arcs before_table = {1, 3, 6, 1, 4, 1, 32473, 9, 300, 1, 1, 11};
     for (const auto &[magic, first] : std::map<u_char, std::string>{{P, ""}, {E, "/0"}, {T, "0"}}) {
@@ -287,7 +283,6 @@ TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
 TEST_F(TableReadTest, WhatReadsHandBackBesidesTheValue) {
     // The write handler, also when the row is not there (row creation); none for the types.
     EXPECT_EQ(fetch(P, text("p1"), 1).write, set_callHomeDestProfileMsgFormat);
-    EXPECT_TRUE(traced(CALLHOME_TRACE_ERROR, "header_callHomeDestProfileEntry : Req  "));
     EXPECT_EQ(fetch(T, {1}, 1).write, nullptr);
     // RowStatus lives in the module's record, where a write handler may change it.
     queues[PO] = {record_reply(profile_rec("p1"))};

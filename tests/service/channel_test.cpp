@@ -387,10 +387,8 @@ TEST_F(Channel, TypesAreReadOnlyAndAdminChangesTakeTheLowestFreeIndexAndNotify) 
                                call(kType, GET_REQ, group_type_rec(8)).record)
                                .grp_name));
     auto payload = [](uint8_t idx, const std::string &name) {
-        Bytes p = {0, 0, 0, idx};
-        p.insert(p.end(), name.begin(), name.end());
-        p.push_back(0);
-        return p;
+        const std::string p = std::string(3, '\0') + char(idx) + name + '\0';
+        return Bytes(p.begin(), p.end());
     };
     const std::vector<std::pair<int32_t, Bytes>> expected = {
         {CALLHOME_ALERTGROUP_DELETED_NOTIF, payload(5, "Syslog")},
