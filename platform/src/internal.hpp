@@ -27,6 +27,10 @@ using UniqueFd = posix::UniqueFd;
 // The path the channel and the listener connect to (set_socket_path or the default).
 std::string socket_path();
 
+// Why the channel last failed ("channel to PATH: connect: No such file or directory"), or
+// empty once the service answered again.
+std::string channel_failure();
+
 // Connects a SOCK_SEQPACKET socket to `path`; on failure an invalid fd and errno set.
 UniqueFd connect_seqpacket(const std::string &path);
 
