@@ -62,7 +62,7 @@ std::optional<Frame> decode(const uint8_t *data, size_t size) {
         return std::nullopt;
     }
     if (get_u32(data) != kMagic || get_u16(data + 4) != kVersion ||
-        !known_kind(get_u16(data + 6))) {
+        !known_kind(get_u16(data + 6)) || get_u16(data + 42) != 0) {
         return std::nullopt;
     }
     const size_t user_len = get_u16(data + 40);

@@ -63,7 +63,8 @@ struct Frame {
 std::optional<std::vector<uint8_t>> encode(const Frame &f);
 
 // Decodes one received message. Refuses (nullopt) a wrong magic or version, an unknown kind,
-// lengths that disagree with the message size, or anything beyond the limits.
+// a reserved field that is not 0, lengths that disagree with the message size, or anything beyond
+// the limits.
 std::optional<Frame> decode(const uint8_t *data, size_t size);
 
 // Now on the clock that deadlines are written in.
