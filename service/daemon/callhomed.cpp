@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "callhome/paths.hpp"
@@ -67,7 +68,14 @@ int main(int argc, char **argv) {
             throw std::runtime_error("cannot create the directory of " + db_path + ": " +
                                      std::strerror(errno));
         }
-        callhome::Service service(db_path);
+        // A database that can't be opened, created or read stops the daemon here, saying so.
+        std::unique_ptr<callhome::Service> service_ptr;
+        try {
+            service_ptr = std::make_unique<callhome::Service>(db_path);
+        } catch (const std::exception &e) {
+            throw std::runtime_error("cannot use the database " + db_path + ": " + e.what());
+        }
+        callhome::Service &service = *service_ptr;
         callhome::Server server(service, socket_path);
         if (!pidfile.empty()) {
             callhome::make_parent_dirs(pidfile);

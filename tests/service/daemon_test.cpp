@@ -138,6 +138,9 @@ struct Daemon {
             if (!log.empty()) {
                 dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
             }
+            if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) {
+                _exit(126);
+            }
             const char *args[] = {CALLHOMED_PATH, "--socket",  sock.c_str(),    "--db",
                                   db.c_str(),     "--pidfile", pidfile.c_str(), nullptr};
             execv(CALLHOMED_PATH, const_cast<char **>(args));
@@ -167,6 +170,7 @@ struct Daemon {
     pid_t pid = -1;
     rlim_t nofile = 0; // descriptor limit when not 0
     std::string log;   // stderr goes here when set
+    uid_t user = 0;    // runs as this user (and group of that number) when not 0
 };
 
 class DaemonTest : public ::testing::Test {
@@ -240,6 +244,43 @@ TEST_F(LoggingDaemonTest, OutOfDescriptorsItBacksOffServesItsClientsAndLogsOnce)
     const std::string log = slurp(daemon.log);
     EXPECT_EQ(1u, count(log, "accept: Too many open files")) << log;
     EXPECT_EQ(1u, count(log, "accepting connections again")) << log;
+}
+
+// Where an operator looks: why a change was refused, why storing it failed, what became of
+// the database file; and a database that can't be used at all stops the daemon at once.
+TEST_F(LoggingDaemonTest, RefusalsAndStorageFailuresSayWhy) {
+    const Result bad = run({CALLHOMED_PATH, "--socket", sock, "--db", dir}, dir + "/bad");
+    EXPECT_EQ(1, bad.code);
+    EXPECT_NE(std::string::npos, bad.err.find("cannot use the database " + dir + ": ")) << bad.err;
+
+    ASSERT_TRUE(daemon.start()); // creates the database
+    ASSERT_EQ(0, daemon.stop(SIGTERM));
+    // Read-only for the daemon: root ignores file modes, so the daemon runs as nobody then.
+    if (geteuid() == 0) {
+        daemon.user = 65534;
+        ASSERT_EQ(0, std::system(("chown -R 65534:65534 '" + dir + "'").c_str()));
+    }
+    ASSERT_EQ(0, chmod(db.c_str(), 0444));
+    ASSERT_TRUE(daemon.start());
+    Client c(sock);
+    EXPECT_EQ(-1, c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("siteId", "lab")).status);
+    EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
+              c.request(CALLHOME_ENABLE_OPC, SET_REQ, switch_rec(1)).status);
+    EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
+              c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("siteId", "caf\xe9")).status);
+    ASSERT_EQ(0, unlink(db.c_str()));
+    c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("custId", "C-1"));
+    const std::string log = slurp(daemon.log);
+    for (const char *line : {
+             "is read-only: changes will be refused",
+             "storage error, CALLHOME_INFO_OPC not applied: ",
+             "readonly database",
+             "refused callHomeEnable=true: sysContactPhoneNumber is not set",
+             "refused siteId: not valid UTF-8 at byte 3",
+             "was deleted while running",
+         }) {
+        EXPECT_NE(std::string::npos, log.find(line)) << line << "\n" << log;
+    }
 }
 
 TEST_F(LoggingDaemonTest, RequestReachedAfterItsDeadlineIsRefusedUnapplied) {
