@@ -35,6 +35,8 @@ usage: ./run.sh COMMAND
   stop          stop what start started
   status        show whether the service and the agent are running
   ctl ARGS...   run callhomectl against the running service
+  fuzz [SECONDS] build the libFuzzer targets with clang and run each for SECONDS (default 30)
+                from its seed corpus in tests/fuzz/corpus (findings land in build-fuzz/findings)
   mibs          print the environment that lets net-snmp's tools use CALLHOME-MIB names:
                 eval "\$(./run.sh mibs)"
   env           the same, plus the SNMPv3 client configuration start wrote, so that
@@ -52,6 +54,9 @@ keeps every message in \$CALLHOME_STATE_DIR/mail), CALLHOME_SMTP_SINK=0 (start n
 CALLHOME_CONFIG (a callhomed --config file: TLS, login, time-out, retry delays).
 EOF
 }
+
+# Only ./run.sh fuzz needs these: clang with libFuzzer's runtime.
+FUZZ_PACKAGES=(clang libclang-rt-dev)
 
 ensure_packages() { # package...
     local missing=() p
@@ -94,6 +99,29 @@ cmd_test() {
     [[ -f $BUILD_DIR/CMakeCache.txt ]] && cmake -S "$ROOT" -B "$BUILD_DIR" >/dev/null
     build
     (cd "$BUILD_DIR" && ctest --output-on-failure -j 2 --timeout 300)
+}
+
+cmd_fuzz() {
+    local seconds=${1:-30} dir=${CALLHOME_FUZZ_BUILD_DIR:-$ROOT/build-fuzz} t failed=0
+    [[ $seconds =~ ^[0-9]+$ ]] || die "fuzz: SECONDS must be a number"
+    ensure_packages "${FUZZ_PACKAGES[@]}"
+    if [[ ! -f $dir/CMakeCache.txt ]]; then
+        CC=clang CXX=clang++ cmake -S "$ROOT" -B "$dir" -DCALLHOME_FUZZ=ON -DCALLHOME_TESTS=OFF >/dev/null
+    fi
+    cmake --build "$dir" -j "$(nproc)" --target fuzz_frame fuzz_read fuzz_write
+    for t in frame read write; do
+        # The committed seeds stay as they are; what the run learns goes to a scratch corpus.
+        mkdir -p "$dir/corpus/$t" "$dir/findings/$t"
+        log "run.sh: fuzz_$t for ${seconds}s"
+        if ! (cd "$dir/findings/$t" && ASAN_OPTIONS=detect_leaks=0 "$dir/bin/fuzz_$t" \
+            -max_total_time="$seconds" -rss_limit_mb=2048 -print_final_stats=1 \
+            "$dir/corpus/$t" "$ROOT/tests/fuzz/corpus/$t" >"$dir/findings/$t.log" 2>&1); then
+            log "run.sh: fuzz_$t found a fault; see $dir/findings/$t.log and $dir/findings/$t"
+            tail -n 30 "$dir/findings/$t.log" >&2
+            failed=1
+        fi
+    done
+    return $failed
 }
 
 # ---- start / stop ---------------------------------------------------------------------------
@@ -385,6 +413,10 @@ cmd_env() {
 
 case ${1:-} in
 test) cmd_test ;;
+fuzz)
+    shift
+    cmd_fuzz "$@"
+    ;;
 start) cmd_start ;;
 stop) cmd_stop ;;
 status) cmd_status ;;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <new>
 #include <poll.h>
@@ -25,14 +26,25 @@ namespace {
 
 namespace fr = platform::frame;
 
+using Clock = std::chrono::steady_clock;
+
+// After a time-out the channel stops sending requests until the service shows it is alive,
+// so that a hung service costs one SNMP request one wait instead of a wait per request.
+// Proof of life is any answer: a late one, or one to a probe sent at most every kProbeEvery.
+constexpr auto kProbeEvery = std::chrono::seconds(1);
+constexpr auto kProbeWait = std::chrono::milliseconds(200);
+
 struct Channel {
     std::mutex mutex;
     Transport transport;
     std::string path; // empty: default_socket_path()
     UniqueFd fd;
     uint32_t seq = 0;
-    int connect_err = 0;     // the last failure logged, so that a down service is logged once
     std::vector<uint8_t> rx; // kMaxFrame + 1 so an oversized answer shows as truncated
+    bool stalled = false;
+    std::time_t stalled_since = 0;
+    Clock::time_point next_probe;
+    std::string failure; // the last channel failure not yet followed by an answer; logged once
 };
 
 Channel &channel() {
@@ -40,11 +52,49 @@ Channel &channel() {
     return c;
 }
 
+std::string path_of(const Channel &c) {
+    return c.path.empty() ? default_socket_path() : c.path;
+}
+
 CmiReply failure(int err) {
     CmiReply reply;
     reply.status = -1;
     reply.err = err;
     return reply;
+}
+
+// Records why the channel failed, logging each new reason once; returns `err`.
+int note_failure(Channel &c, const char *what, int err) {
+    std::string text = "channel to " + path_of(c) + ": " + what + ": " + std::strerror(err);
+    if (text != c.failure) {
+        snmp_log(LOG_ERR, "callhome: %s\n", text.c_str());
+        c.failure = std::move(text);
+    }
+    return err;
+}
+
+std::string clock_text(std::time_t t) {
+    char text[32];
+    std::tm tm{};
+    ::localtime_r(&t, &tm);
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
+    return text;
+}
+
+void enter_stall(Channel &c) {
+    c.stalled = true;
+    c.stalled_since = std::time(nullptr);
+    c.next_probe = Clock::now();
+    c.failure = "service on " + path_of(c) + " not answering since " + clock_text(c.stalled_since);
+    snmp_log(LOG_WARNING, "callhome: %s; requests fail at once until it answers again\n",
+             c.failure.c_str());
+}
+
+void leave_stall(Channel &c) {
+    c.stalled = false;
+    c.failure.clear();
+    snmp_log(LOG_NOTICE, "callhome: service on %s answering again (silent since %s)\n",
+             path_of(c).c_str(), clock_text(c.stalled_since).c_str());
 }
 
 uint32_t next_seq(Channel &c) {
@@ -60,27 +110,129 @@ int ensure_connected(Channel &c) {
     if (c.fd) {
         return 0;
     }
-    const std::string path = c.path.empty() ? default_socket_path() : c.path;
-    std::string why = per_user_dir_problem(path);
+    const std::string path = path_of(c);
+    const std::string why = per_user_dir_problem(path);
     if (why.empty()) {
         c.fd = connect_seqpacket(path);
         if (c.fd) {
-            c.connect_err = 0;
             return 0;
         }
     }
     const int err = why.empty() ? errno : EACCES;
-    if (err != c.connect_err) {
-        snmp_log(LOG_ERR, "callhome: cannot reach the call-home service at %s: %s\n", path.c_str(),
-                 why.empty() ? std::strerror(err) : why.c_str());
-        c.connect_err = err;
+    std::string text = "cannot reach the call-home service at " + path + ": " +
+                       (why.empty() ? std::string(std::strerror(err)) : why);
+    if (text != c.failure) {
+        snmp_log(LOG_ERR, "callhome: %s\n", text.c_str());
+        c.failure = std::move(text);
     }
     return err;
+}
+
+// Receives one frame, waiting until `until` at the latest (a time already past only
+// takes what has arrived). 0 with `out` set, ETIME, or an errno value (the connection is
+// dropped when it failed).
+int receive_frame(Channel &c, Clock::time_point until, fr::Frame &out) {
+    if (c.rx.size() != fr::kMaxFrame + 1) {
+        c.rx.resize(fr::kMaxFrame + 1);
+    }
+    for (;;) {
+        const long long left = std::max<long long>(
+            0, std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count());
+        pollfd p{c.fd.get(), POLLIN, 0};
+        const int ready = ::poll(&p, 1, int(std::min<long long>(left, 60'000)));
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            const int err = errno;
+            c.fd.reset();
+            return note_failure(c, "poll", err);
+        }
+        if (ready == 0) {
+            if (left == 0) {
+                return ETIME;
+            }
+            continue;
+        }
+        const ssize_t got = ::recv(c.fd.get(), c.rx.data(), c.rx.size(), MSG_DONTWAIT | MSG_TRUNC);
+        if (got < 0) {
+            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) {
+                continue;
+            }
+            const int err = errno;
+            c.fd.reset();
+            return note_failure(c, "recv", err);
+        }
+        if (got == 0) {
+            c.fd.reset(); // the service went away mid-request
+            return note_failure(c, "recv", ECONNRESET);
+        }
+        auto frame =
+            size_t(got) <= fr::kMaxFrame ? fr::decode(c.rx.data(), size_t(got)) : std::nullopt;
+        if (!frame) {
+            return note_failure(c, "malformed answer", EPROTO);
+        }
+        out = std::move(*frame);
+        return 0;
+    }
+}
+
+// While stalled: true once the service has answered anything (a late answer waiting on the
+// socket, or a probe, sent at most every kProbeEvery and given kProbeWait to answer).
+bool service_answers(Channel &c) {
+    fr::Frame f;
+    while (c.fd && receive_frame(c, Clock::time_point(), f) == 0) {
+        if (f.kind == fr::Kind::Response) {
+            return true;
+        }
+    }
+    if (!c.fd) {
+        c.next_probe = Clock::now(); // a new connection deserves a probe at once
+        if (ensure_connected(c) != 0) {
+            return false;
+        }
+    }
+    const auto now = Clock::now();
+    if (now < c.next_probe) {
+        return false;
+    }
+    c.next_probe = now + kProbeEvery;
+    // A read of the master switch: harmless, and answered even when refused as expired.
+    fr::Frame probe;
+    probe.seq = next_seq(c);
+    probe.opcode = CALLHOME_ENABLE_OPC;
+    probe.msg_type = GET_REQ;
+    probe.flags = fr::kUserNull;
+    probe.deadline_ms =
+        fr::monotonic_ms() + uint64_t(std::chrono::milliseconds(kProbeWait).count());
+    const auto bytes = fr::encode(probe);
+    // Never blocks: a hung service's full queue just means no answer yet.
+    if (!bytes ||
+        ::send(c.fd.get(), bytes->data(), bytes->size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            c.fd.reset();
+        }
+        return false;
+    }
+    const auto until = now + kProbeWait;
+    while (receive_frame(c, until, f) == 0) {
+        if (f.kind == fr::Kind::Response) {
+            return true;
+        }
+    }
+    return false;
 }
 
 CmiReply socket_round_trip(const CmiRequest &r) {
     Channel &c = channel();
     std::lock_guard<std::mutex> lock(c.mutex);
+
+    if (c.stalled) {
+        if (!service_answers(c)) {
+            return failure(ETIME);
+        }
+        leave_stall(c);
+    }
 
     fr::Frame f;
     f.kind = fr::Kind::Request;
@@ -93,6 +245,10 @@ CmiReply socket_round_trip(const CmiRequest &r) {
     f.flags = (r.user_null ? fr::kUserNull : 0) | (r.wants_record ? fr::kWantsRecord : 0);
     f.user = r.user;
     f.body = r.record;
+    // The service refuses, unapplied, a request it reaches after the caller stopped waiting.
+    const auto wait = std::chrono::seconds(std::max(r.wait, 1));
+    const auto deadline = Clock::now() + wait;
+    f.deadline_ms = fr::monotonic_ms() + uint64_t(std::chrono::milliseconds(wait).count());
     const auto bytes = fr::encode(f);
     if (!bytes) {
         return failure(EMSGSIZE);
@@ -108,7 +264,7 @@ CmiReply socket_round_trip(const CmiRequest &r) {
         // A connection kept from before a service restart fails at the first send; the
         // request never reached anyone, so one fresh attempt is safe.
         if (!reused || (err != EPIPE && err != ECONNRESET && err != ENOTCONN)) {
-            return failure(err);
+            return failure(note_failure(c, "send", err));
         }
         if ((err = ensure_connected(c)) != 0) {
             return failure(err);
@@ -116,66 +272,34 @@ CmiReply socket_round_trip(const CmiRequest &r) {
         if (send_message(c.fd.get(), *bytes) != 0) {
             err = errno;
             c.fd.reset();
-            return failure(err);
+            return failure(note_failure(c, "send", err));
         }
     }
 
-    if (c.rx.size() != fr::kMaxFrame + 1) {
-        c.rx.resize(fr::kMaxFrame + 1);
-    }
-    using clock = std::chrono::steady_clock;
-    const auto deadline = clock::now() + std::chrono::seconds(std::max(r.wait, 1));
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
-        if (left <= 0) {
-            // The connection stays: a late answer is recognised by its seq and dropped.
-            return failure(ETIME);
-        }
-        pollfd p{c.fd.get(), POLLIN, 0};
-        const int ready = ::poll(&p, 1, int(std::min<long long>(left, 60'000)));
-        if (ready < 0) {
-            if (errno == EINTR) {
-                continue;
+        fr::Frame answer;
+        if (const int err = receive_frame(c, deadline, answer)) {
+            if (err == ETIME) {
+                // The connection stays: a late answer is recognised by its seq and dropped.
+                enter_stall(c);
             }
-            const int err = errno;
-            c.fd.reset();
             return failure(err);
         }
-        if (ready == 0) {
-            continue;
-        }
-        const ssize_t got = ::recv(c.fd.get(), c.rx.data(), c.rx.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (got < 0) {
-            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) {
-                continue;
-            }
-            const int err = errno;
-            c.fd.reset();
-            return failure(err);
-        }
-        if (got == 0) {
-            c.fd.reset(); // the service went away mid-request
-            return failure(ECONNRESET);
-        }
-        if (size_t(got) > fr::kMaxFrame) {
-            return failure(EPROTO);
-        }
-        auto answer = fr::decode(c.rx.data(), size_t(got));
-        if (!answer) {
-            return failure(EPROTO);
-        }
-        if (answer->kind != fr::Kind::Response || answer->seq != c.seq) {
+        if (answer.kind != fr::Kind::Response || answer.seq != c.seq) {
             continue; // a late answer to a request that already timed out
         }
-        if (answer->status == -1) {
+        c.failure.clear();
+        if (answer.flags & fr::kExpired) {
+            return failure(ETIME);
+        }
+        if (answer.status == -1) {
             return failure(EIO);
         }
         CmiReply reply;
-        reply.status = answer->status;
-        reply.has_record = (answer->flags & fr::kHasRecord) != 0;
+        reply.status = answer.status;
+        reply.has_record = (answer.flags & fr::kHasRecord) != 0;
         if (reply.has_record) {
-            reply.record = std::move(answer->body);
+            reply.record = std::move(answer.body);
         }
         return reply;
     }
@@ -215,7 +339,13 @@ int finish(const CmiReply &reply, void **response, uint32_t *length) {
 std::string socket_path() {
     Channel &c = channel();
     std::lock_guard<std::mutex> lock(c.mutex);
-    return c.path.empty() ? default_socket_path() : c.path;
+    return path_of(c);
+}
+
+std::string channel_failure() {
+    Channel &c = channel();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    return c.failure;
 }
 
 UniqueFd connect_seqpacket(const std::string &path) {
@@ -254,6 +384,7 @@ int send_message(int fd, const std::vector<uint8_t> &bytes) {
 void reset_channel() {
     set_transport({});
     set_socket_path("");
+    disconnect();
 }
 
 } // namespace platform::detail
@@ -271,6 +402,8 @@ void set_socket_path(const std::string &path) {
     std::lock_guard<std::mutex> lock(c.mutex);
     if (path != c.path) {
         c.fd.reset();
+        c.stalled = false;
+        c.failure.clear();
     }
     c.path = path;
 }
@@ -279,6 +412,8 @@ void disconnect() {
     auto &c = detail::channel();
     std::lock_guard<std::mutex> lock(c.mutex);
     c.fd.reset();
+    c.stalled = false;
+    c.failure.clear();
 }
 
 } // namespace platform

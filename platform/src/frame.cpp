@@ -1,6 +1,7 @@
 #include "platform/frame.hpp"
 
 #include <cstring>
+#include <ctime>
 
 namespace platform::frame {
 namespace {
@@ -18,6 +19,12 @@ bool known_kind(uint16_t k) {
 }
 
 } // namespace
+
+uint64_t monotonic_ms() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return uint64_t(ts.tv_sec) * 1000 + uint64_t(ts.tv_nsec) / 1'000'000;
+}
 
 std::optional<std::vector<uint8_t>> encode(const Frame &f) {
     if (f.user.size() > kMaxUser || f.body.size() > kMaxBody) {
@@ -39,6 +46,8 @@ std::optional<std::vector<uint8_t>> encode(const Frame &f) {
     put_u16(p + 40, uint16_t(f.user.size()));
     put_u16(p + 42, 0);
     put_u32(p + 44, uint32_t(f.body.size()));
+    put_u32(p + 48, uint32_t(f.deadline_ms >> 32));
+    put_u32(p + 52, uint32_t(f.deadline_ms));
     if (!f.user.empty()) {
         std::memcpy(p + kHeaderSize, f.user.data(), f.user.size());
     }
@@ -53,7 +62,7 @@ std::optional<Frame> decode(const uint8_t *data, size_t size) {
         return std::nullopt;
     }
     if (get_u32(data) != kMagic || get_u16(data + 4) != kVersion ||
-        !known_kind(get_u16(data + 6))) {
+        !known_kind(get_u16(data + 6)) || get_u16(data + 42) != 0) {
         return std::nullopt;
     }
     const size_t user_len = get_u16(data + 40);
@@ -71,6 +80,7 @@ std::optional<Frame> decode(const uint8_t *data, size_t size) {
     f.wait = int32_t(get_u32(data + 28));
     f.status = int32_t(get_u32(data + 32));
     f.flags = get_u32(data + 36);
+    f.deadline_ms = uint64_t(get_u32(data + 48)) << 32 | get_u32(data + 52);
     f.user.assign(reinterpret_cast<const char *>(data + kHeaderSize), user_len);
     f.body.assign(data + kHeaderSize + user_len, data + kHeaderSize + user_len + body_len);
     return f;

@@ -27,6 +27,11 @@ using UniqueFd = posix::UniqueFd;
 // The path the channel and the listener connect to (set_socket_path or the default).
 std::string socket_path();
 
+// Why the channel last failed ("cannot reach the call-home service at PATH: No such file or
+// directory", "channel to PATH: recv: ..."), or
+// empty once the service answered again.
+std::string channel_failure();
+
 // Connects a SOCK_SEQPACKET socket to `path`; on failure an invalid fd and errno set.
 UniqueFd connect_seqpacket(const std::string &path);
 

@@ -76,9 +76,13 @@ extern "C" const char *syserr_format(uint32_t status) {
 
 extern "C" void log_set_error(int32_t status, int code) {
     // Callers also report successful writes (status 0): recorded, but not logged as failures.
-    if (status != 0) {
+    if (status == -1) {
+        const std::string why = platform::detail::channel_failure();
+        snmp_log(LOG_ERR, "callhome: write to the service failed (record %d): no status%s%s\n",
+                 code, why.empty() ? "" : ": ", why.c_str());
+    } else if (status != 0) {
         snmp_log(LOG_ERR, "callhome: write to the service failed (record %d): %s\n", code,
-                 status == -1 ? "no status from the service" : syserr_format(uint32_t(status)));
+                 syserr_format(uint32_t(status)));
     }
     std::lock_guard<std::mutex> lock(errors().mutex);
     errors().set_status = status;

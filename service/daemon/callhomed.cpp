@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "callhome/config.hpp"
@@ -101,7 +102,14 @@ int main(int argc, char **argv) {
             throw std::runtime_error("cannot create the directory of " + db_path + ": " +
                                      std::strerror(errno));
         }
-        callhome::Service service(db_path);
+        // A database that can't be opened, created or read stops the daemon here, saying so.
+        std::unique_ptr<callhome::Service> service_ptr;
+        try {
+            service_ptr = std::make_unique<callhome::Service>(db_path);
+        } catch (const std::exception &e) {
+            throw std::runtime_error("cannot use the database " + db_path + ": " + e.what());
+        }
+        callhome::Service &service = *service_ptr;
         callhome::Sender sender(db_path, delivery);
         service.set_outbox_listener([&sender] { sender.wake(); });
         callhome::Server server(service, socket_path);

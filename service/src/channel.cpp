@@ -1,24 +1,51 @@
 #include "channel.hpp"
 
 #include <new>
+#include <string>
 #include <stdexcept>
 
 #include "callhome_wire.h"
+#include "cmi.h"
 #include "codec.hpp"
+#include "log.hpp"
+#include "platform/frame.hpp"
 
 namespace callhome {
 
 using codec::answer;
 
+namespace {
+
+// How long a deleted profile's addresses and groups wait for an UNDO of the same request.
+constexpr int64_t kUndoWindowMs = 30'000;
+
+} // namespace
+
 platform::CmiReply Channel::process(const platform::CmiRequest &r) {
     try {
+        expire_deleted(r.session);
+        session_ = r.session;
         return dispatch(r);
     } catch (const std::bad_alloc &) {
+        log_line("refused " + std::string(mts_opc_name_get(r.opcode)) + ": out of memory");
         return answer(CALLHOME_ERR_NO_MEMORY);
-    } catch (const std::exception &) {
+    } catch (const std::exception &e) {
         // The store refused the change: nothing was applied, and the caller learns
         // that no status could be had.
+        log_line("storage error, " + std::string(mts_opc_name_get(r.opcode)) +
+                 " not applied: " + e.what());
         return answer(-1);
+    }
+}
+
+void Channel::expire_deleted(uint32_t session) {
+    // A request of another SNMP request ends the chance of an UNDO (reads of scalars carry
+    // no session and say nothing about that); so does time.
+    const int64_t now = int64_t(platform::frame::monotonic_ms());
+    auto &d = state_.deleted;
+    for (auto it = d.begin(); it != d.end();) {
+        const bool other = session != 0 && session != it->session;
+        it = other || now - it->deleted_ms > kUndoWindowMs ? d.erase(it) : it + 1;
     }
 }
 

@@ -9,8 +9,10 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
+#include "callhome_wire.h"
 #include "platform/cmi_request.hpp"
 #include "state.hpp"
 #include "storage.hpp"
@@ -29,6 +31,8 @@ class Channel {
     using Reply = platform::CmiReply;
 
     Reply dispatch(const platform::CmiRequest &r);
+    // Forgets deleted profiles that no UNDO can ask for any more.
+    void expire_deleted(uint32_t session);
 
     Reply op_info(int type, const Bytes &b);
     Reply op_email_conf(int type, const Bytes &b);
@@ -44,6 +48,7 @@ class Channel {
 
     State &state_;
     Storage &storage_;
+    uint32_t session_ = 0; // of the request being answered
 };
 
 } // namespace callhome

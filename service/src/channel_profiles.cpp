@@ -5,6 +5,8 @@
 #include "channel.hpp"
 #include "codec.hpp"
 #include "serve.hpp"
+#include "log.hpp"
+#include "platform/frame.hpp"
 #include "validate.hpp"
 
 namespace callhome {
@@ -17,9 +19,16 @@ constexpr uint32_t kMaxMessageSize = 1000000;
 
 using Profiles = std::map<std::string, Profile, OidOrder>;
 
-bool valid_profile_name(const std::string &name) {
-    return !name.empty() && name.size() <= CALLHOME_PROFILE_ID_LEN - 1 && name.front() != ' ' &&
-           name.back() != ' ' && validate::printable(name);
+// Why a profile name is refused, or empty.
+std::string profile_name_problem(const std::string &name) {
+    if (name.empty() || name.size() > CALLHOME_PROFILE_ID_LEN - 1) {
+        return "a name of 1 to " + std::to_string(CALLHOME_PROFILE_ID_LEN - 1) +
+               " characters is needed";
+    }
+    if (name.front() == ' ' || name.back() == ' ') {
+        return "leading or trailing space in the name";
+    }
+    return validate::text_problem(name);
 }
 
 struct ProfileRows {
@@ -27,6 +36,7 @@ struct ProfileRows {
     using Key = std::string;
     State &state;
     Storage &storage;
+    uint32_t session; // of the request: an UNDO carries the session of its delete
 
     std::optional<Key> key(const Record &rec, int) const {
         return FIELD(rec, destination_profile_id);
@@ -59,18 +69,38 @@ struct ProfileRows {
         p.max_size = be(rec.maximum_message_size);
         p.level = rec.msg_level;
         p.row_status = 1;
-        if (!valid_profile_name(k) || p.format < 1 || p.format > 3 || p.transport != 1 ||
-            p.max_size > kMaxMessageSize || p.level < 0 || p.level > 9) {
-            return CALLHOME_ERR_INVALID_INPUT;
+        const std::string what = "callHomeDestProfileEntry";
+        if (const std::string why = profile_name_problem(k); !why.empty()) {
+            return refused(what, why);
+        }
+        if (p.format < 1 || p.format > 3 || p.transport != 1 || p.max_size > kMaxMessageSize ||
+            p.level < 0 || p.level > 9) {
+            return refused(what + " " + k,
+                           "format " + std::to_string(p.format) + " (1..3), transport " +
+                               std::to_string(p.transport) + " (1), size " +
+                               std::to_string(p.max_size) + " (at most 1000000) or level " +
+                               std::to_string(p.level + 1) + " (1..10) out of range");
         }
         const auto it = profiles.find(k);
         if (it == profiles.end() && profiles.size() >= size_t(CALLHOME_MAX_PROFILES)) {
-            return CALLHOME_ERR_INVALID_INPUT;
+            return refused(what + " " + k,
+                           "already " + std::to_string(CALLHOME_MAX_PROFILES) + " profiles");
         }
-        storage.put_profile(k, p);
         if (it == profiles.end()) {
+            // The UNDO of the request that deleted it gives the profile back whole.
+            auto &deleted = state.deleted;
+            for (auto d = deleted.begin(); d != deleted.end(); ++d) {
+                if (d->name == k && d->session == session && session != 0) {
+                    p.emails = std::move(d->profile.emails);
+                    p.groups = std::move(d->profile.groups);
+                    deleted.erase(d);
+                    break;
+                }
+            }
+            storage.put_profile_with_rows(k, p);
             profiles.emplace(k, std::move(p));
         } else {
+            storage.put_profile(k, p);
             // Replacing the row keeps its addresses and alert groups.
             p.emails = std::move(it->second.emails);
             p.groups = std::move(it->second.groups);
@@ -87,6 +117,10 @@ struct ProfileRows {
             return CALLHOME_UNKNOWN_ENTRY;
         }
         storage.erase_profile(k);
+        if (!it->second.emails.empty() || !it->second.groups.empty()) {
+            state.deleted.push_back(
+                {session, k, std::move(it->second), int64_t(platform::frame::monotonic_ms())});
+        }
         state.profiles.erase(it);
         return CALLHOME_SUCCESS;
     }
@@ -133,12 +167,19 @@ struct AddressRows {
     }
     int32_t set(const Key &k, const Record &rec) {
         const std::string addr = FIELD(rec, email_addr);
-        if (k.second < 1 || !validate::email(addr)) {
-            return CALLHOME_ERR_INVALID_INPUT;
+        const std::string what = "callHomeDestEmailAddress." + std::to_string(k.second);
+        if (k.second < 1) {
+            return refused(what, "the index must be 1 or more");
+        }
+        if (const std::string why = validate::text_problem(addr); !why.empty()) {
+            return refused(what, why);
+        }
+        if (!validate::email(addr)) {
+            return refused(what, "not an e-mail address (local@domain)");
         }
         const auto p = state.profiles.find(k.first);
         if (p == state.profiles.end()) {
-            return CALLHOME_UNKNOWN_ENTRY;
+            return refused(what, "no profile " + k.first, CALLHOME_UNKNOWN_ENTRY);
         }
         storage.put_address(k.first, k.second, addr);
         p->second.emails[k.second] = addr;
@@ -201,8 +242,12 @@ struct GroupRows {
             return CALLHOME_SUCCESS;
         }
         // "all" already covers every type: a single type next to it would be ambiguous.
-        if (!state.type_index(group) || groups.count(kAll)) {
-            return CALLHOME_ERR_INVALID_INPUT;
+        if (!state.type_index(group)) {
+            return refused("callHomeAlertGroups of " + profile, "no alert-group type " + group);
+        }
+        if (groups.count(kAll)) {
+            return refused("callHomeAlertGroups of " + profile,
+                           "the profile has \"all\"; clear it before adding single types");
         }
         storage.put_group(profile, group);
         groups.insert(group);
@@ -222,7 +267,7 @@ struct GroupRows {
 } // namespace
 
 platform::CmiReply Channel::op_profile(int type, const Bytes &b) {
-    return serve_table(ProfileRows{state_, storage_}, type, b);
+    return serve_table(ProfileRows{state_, storage_, session_}, type, b);
 }
 
 platform::CmiReply Channel::op_dest_email(int type, const Bytes &b) {

@@ -4,6 +4,7 @@
 #include "channel.hpp"
 #include "codec.hpp"
 #include "serve.hpp"
+#include "log.hpp"
 #include "validate.hpp"
 
 namespace callhome {
@@ -26,18 +27,21 @@ platform::CmiReply Channel::op_info(int type, const Bytes &b) {
         PUT(out, info_value, it->second);
         return answer_record(out);
     }
-    if (type != SET_REQ || !known_info(name)) {
+    if (type != SET_REQ) {
         return answer(CALLHOME_ERR_INVALID_INPUT);
+    }
+    if (!known_info(name)) {
+        return answer(refused("info object", "no such object"));
     }
     const std::string value = FIELD(rec, info_value);
-    if (!validate::printable(value)) {
-        return answer(CALLHOME_ERR_INVALID_INPUT);
+    if (const std::string why = validate::text_problem(value); !why.empty()) {
+        return answer(refused(name, why));
     }
     if (name == "sysContactEmail" && !validate::email(value)) {
-        return answer(CALLHOME_ERR_INVALID_INPUT);
+        return answer(refused(name, "not an e-mail address (local@domain)"));
     }
     if (name == "priority" && (value.size() != 1 || value[0] < '0' || value[0] > '7')) {
-        return answer(CALLHOME_ERR_INVALID_INPUT);
+        return answer(refused(name, "the priority is 1 to 8"));
     }
     if (value.empty()) {
         // An empty value clears the object: it reads as never set again.
@@ -89,13 +93,26 @@ struct EmailScalar {
         e.server = FIELD(rec, smtp_server);
         e.type = be(rec.address_type);
         e.port = be(rec.smtp_server_port);
-        for (const std::string *addr : {&e.from, &e.reply_to, &e.receipt}) {
+        const std::pair<const char *, const std::string *> addrs[] = {
+            {"callHomeEmailFrom", &e.from},
+            {"callHomeEmailReplyTo", &e.reply_to},
+            {"callHomeEmailReturnReceipt", &e.receipt}};
+        for (const auto &[what, addr] : addrs) {
+            if (const std::string why = validate::text_problem(*addr); !why.empty()) {
+                return refused(what, why);
+            }
             if (!addr->empty() && !validate::email(*addr)) {
-                return CALLHOME_ERR_INVALID_INPUT;
+                return refused(what, "not an e-mail address (local@domain)");
             }
         }
-        if (!valid_server(e.type, e.server) || e.port < 1 || e.port > 65535) {
-            return CALLHOME_ERR_INVALID_INPUT;
+        if (!valid_server(e.type, e.server)) {
+            return refused("callHomeSmtpServer",
+                           validate::printable(e.server)
+                               ? "not an address of its type " + std::to_string(e.type)
+                               : validate::text_problem(e.server));
+        }
+        if (e.port < 1 || e.port > 65535) {
+            return refused("callHomeSmtpServerPort", "the port is 1 to 65535");
         }
         storage.put_email(e);
         state.email = e;
@@ -120,7 +137,8 @@ struct SwitchScalar {
         if (is_enable) {
             // Messages need someone to answer them: no switching on without the contact.
             if (on && !state.contact_complete()) {
-                return CALLHOME_ERR_INVALID_INPUT;
+                return refused("callHomeEnable=true",
+                               std::string(state.missing_contact()) + " is not set");
             }
             storage.put_enabled(on);
             state.enabled = on;
@@ -150,7 +168,10 @@ struct PeriodicScalar {
         p.days = be(rec.time_frame);
         p.minutes = be(rec.time_of_day);
         if (p.enable > 1 || p.days < 1 || p.days > 30 || p.minutes > 1439) {
-            return CALLHOME_ERR_INVALID_INPUT;
+            return refused("periodic inventory",
+                           "switch " + std::to_string(p.enable) + ", period " +
+                               std::to_string(p.days) + " days (1..30) or time " +
+                               std::to_string(p.minutes) + " minutes (0..1439) out of range");
         }
         storage.put_periodic(p);
         state.periodic = p;

@@ -7,6 +7,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "validate.hpp"
+
 namespace callhome::json {
 
 class Writer {
@@ -75,11 +77,24 @@ class Writer {
         out_ += '\n';
         out_.append(first_.size() * 2, ' ');
     }
+    // Whatever the bytes: JSON text is UTF-8, so a byte that starts no valid sequence
+    // becomes U+FFFD.
     void quote(const std::string &s) {
         static const char hex[] = "0123456789abcdef";
         out_ += '"';
-        for (char c : s) {
+        for (size_t i = 0; i < s.size(); ++i) {
+            const char c = s[i];
             const auto u = static_cast<unsigned char>(c);
+            if (u >= 0x80) {
+                const size_t n = validate::utf8_sequence(s, i);
+                if (n == 0) {
+                    out_ += "\\ufffd";
+                } else {
+                    out_.append(s, i, n);
+                    i += n - 1;
+                }
+                continue;
+            }
             switch (c) {
             case '"':
                 out_ += "\\\"";

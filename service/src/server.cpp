@@ -15,6 +15,7 @@
 #include "callhome/paths.hpp"
 #include "platform/paths.hpp"
 #include "callhome/protocol.hpp"
+#include "cmi.h"
 
 namespace callhome {
 namespace {
@@ -25,6 +26,11 @@ namespace fr = platform::frame;
 constexpr size_t kMaxInbox = 1024;
 constexpr size_t kMaxOutbox = 4096;
 constexpr int kReadsPerWake = 64;
+// A request reached with less than this left would likely be answered after its caller
+// gave up; it is refused like one whose deadline has passed.
+constexpr uint64_t kDeadlineMarginMs = 20;
+// Out of descriptors, the listener is left alone this long before accepting again.
+constexpr auto kAcceptBackoff = std::chrono::milliseconds(250);
 
 [[noreturn]] void fail(const std::string &what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -62,6 +68,12 @@ platform::CmiRequest to_request(const fr::Frame &f) {
     req.client = f.client;
     req.wait = f.wait;
     return req;
+}
+
+const char *type_name(int msg_type) {
+    static const char *const kNames[] = {"GET",    "GETNEXT",  "SET",
+                                         "DELETE", "VELD_GET", "VELD_GETNEXT"};
+    return msg_type >= 1 && msg_type <= 6 ? kNames[msg_type - 1] : "request";
 }
 
 } // namespace
@@ -131,7 +143,7 @@ void Server::run(int stop_fd) {
             if (c.held && c.held->due <= now) {
                 const Held h = std::move(*c.held);
                 c.held.reset();
-                answer_request(c, h.frame, service_.process(to_request(h.frame)));
+                serve(c, h.frame);
                 pump(c);
             }
             if (c.held) {
@@ -146,11 +158,24 @@ void Server::run(int stop_fd) {
         if (const int ms = service_.timeout_ms(); ms >= 0) {
             timeout = timeout < 0 ? ms : std::min(timeout, ms);
         }
+        // While out of descriptors the listener is not polled: it would stay readable and
+        // spin the loop. Connected clients are served meanwhile.
+        if (accept_paused_ && now >= accept_resume_) {
+            accept_paused_ = false;
+        }
+        const bool accepting = !accept_paused_;
+        if (!accepting) {
+            const auto ms =
+                std::chrono::duration_cast<std::chrono::milliseconds>(accept_resume_ - now)
+                    .count() +
+                1;
+            timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
+        }
 
         fds.clear();
         polled.clear();
         fds.push_back({stop_fd, POLLIN, 0});
-        fds.push_back({listen_.get(), POLLIN, 0});
+        fds.push_back({accepting ? listen_.get() : -1, POLLIN, 0});
         fds.push_back({service_.event_fd(), POLLIN, 0});
         for (Conn &c : conns_) {
             short events = POLLIN;
@@ -192,9 +217,28 @@ void Server::accept_clients() {
     for (;;) {
         const int fd = accept4(listen_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-                std::cerr << "callhomed: accept: " << std::strerror(errno) << "\n";
+            const int err = errno;
+            if (err == EINTR || err == ECONNABORTED) {
+                continue;
             }
+            if (err == EAGAIN || err == EWOULDBLOCK) {
+                // An episode ends once every waiting connection has been taken.
+                if (accept_starved_) {
+                    accept_starved_ = false;
+                    std::cerr << "callhomed: accepting connections again\n";
+                }
+                return;
+            }
+            // Out of descriptors or memory (or anything else that would repeat at once):
+            // back off, and say so once per episode.
+            if (!accept_starved_) {
+                accept_starved_ = true;
+                std::cerr << "callhomed: accept: " << std::strerror(err)
+                          << "; new connections wait (" << conns_.size()
+                          << " connected clients still served)\n";
+            }
+            accept_paused_ = true;
+            accept_resume_ = Clock::now() + kAcceptBackoff;
             return;
         }
         UniqueFd conn(fd);
@@ -258,7 +302,7 @@ void Server::handle(Conn &c, fr::Frame &&f) {
         case FaultAction::Kind::None:
             break;
         }
-        answer_request(c, f, service_.process(to_request(f)));
+        serve(c, f);
         return;
     }
     case fr::Kind::Subscribe:
@@ -296,6 +340,30 @@ void Server::handle(Conn &c, fr::Frame &&f) {
         c.dead = true;
         return;
     }
+}
+
+void Server::serve(Conn &c, const fr::Frame &f) {
+    const uint64_t now = fr::monotonic_ms();
+    if (f.deadline_ms != 0 && now + kDeadlineMarginMs > f.deadline_ms) {
+        // Its caller has stopped waiting: applying it now would change what the caller
+        // was told had failed.
+        const int64_t late = int64_t(now) - int64_t(f.deadline_ms);
+        std::cerr << "callhomed: refused " << mts_opc_name_get(f.opcode) << " "
+                  << type_name(f.msg_type) << " unapplied: its caller's deadline "
+                  << (late >= 0 ? "had passed " + std::to_string(late) + " ms before"
+                                : "was " + std::to_string(-late) + " ms away when")
+                  << " it was reached\n";
+        fr::Frame reply;
+        reply.kind = fr::Kind::Response;
+        reply.seq = f.seq;
+        reply.opcode = f.opcode;
+        reply.msg_type = f.msg_type;
+        reply.status = -1;
+        reply.flags = fr::kExpired;
+        send(c, reply);
+        return;
+    }
+    answer_request(c, f, service_.process(to_request(f)));
 }
 
 void Server::answer_request(Conn &c, const fr::Frame &f, const platform::CmiReply &r) {

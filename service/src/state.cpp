@@ -41,14 +41,14 @@ std::optional<uint32_t> State::type_index(const std::string &name) const {
     return std::nullopt;
 }
 
-bool State::contact_complete() const {
-    for (const char *n : {"sysContactEmail", "sysContactPhoneNumber", "sysStreetAddress"}) {
+const char *State::missing_contact() const {
+    for (const char *n : {"sysContactPhoneNumber", "sysContactEmail", "sysStreetAddress"}) {
         const auto it = info.find(n);
         if (it == info.end() || it->second.empty()) {
-            return false;
+            return n;
         }
     }
-    return true;
+    return nullptr;
 }
 
 } // namespace callhome

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "callhome_wire.h"
 
@@ -55,6 +56,15 @@ struct OidOrder {
     }
 };
 
+// A profile deleted by a request, kept for a short while so that the UNDO of the same SNMP
+// request (same session) can give it back its addresses and alert groups.
+struct DeletedProfile {
+    uint32_t session = 0;
+    std::string name;
+    Profile profile;
+    int64_t deleted_ms = 0; // monotonic
+};
+
 struct State {
     bool enabled = false;
     bool throttling = true;
@@ -66,10 +76,13 @@ struct State {
     std::map<CmdKey, std::string> commands;
     bool dist_enabled = false;
     uint32_t dist_mode = 0;
+    std::vector<DeletedProfile> deleted;
 
     std::optional<uint32_t> type_index(const std::string &name) const;
     // Phone, e-mail and street address all set: someone can answer a message.
-    bool contact_complete() const;
+    bool contact_complete() const { return missing_contact() == nullptr; }
+    // The first contact object that is not set, or null.
+    const char *missing_contact() const;
 };
 
 } // namespace callhome

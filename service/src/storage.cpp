@@ -1,10 +1,13 @@
 #include "storage.hpp"
 
+#include <sys/stat.h>
+
 #include <ctime>
 #include <map>
 #include <stdexcept>
 #include <variant>
 
+#include "log.hpp"
 #include "message.hpp"
 
 namespace callhome {
@@ -65,7 +68,17 @@ void assign(const Field &f, const std::string &text) {
 
 } // namespace
 
-Storage::Storage(const std::string &path, State &state) : db_(path) {
+Storage::Storage(const std::string &path, State &state) : db_(path), path_(path) {
+    if (path != ":memory:" && !path.empty()) {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) == 0) {
+            dev_ = uint64_t(st.st_dev);
+            ino_ = uint64_t(st.st_ino);
+        }
+        if (db_.read_only()) {
+            log_line("database " + path + " is read-only: changes will be refused");
+        }
+    }
     db_.exec("PRAGMA synchronous=FULL");
     if (path != ":memory:" && !path.empty()) {
         // WAL keeps commits durable under synchronous=FULL with one fsync per commit.
@@ -249,6 +262,36 @@ std::optional<int> Storage::retry(std::optional<int64_t> id) {
 
 void Storage::put_profile(const std::string &name, const Profile &p) {
     write_through([&] { save_profile(name, p); });
+}
+
+void Storage::check_file() {
+    if (ino_ == 0) {
+        return;
+    }
+    struct stat st {};
+    const bool gone = ::stat(path_.c_str(), &st) != 0;
+    const bool other = !gone && (uint64_t(st.st_dev) != dev_ || uint64_t(st.st_ino) != ino_);
+    if ((gone || other) != file_gone_) {
+        file_gone_ = gone || other;
+        log_line(file_gone_ ? "database " + path_ + (gone ? " was deleted" : " was replaced") +
+                                  " while running: changes go to the file as opened and "
+                                  "will not be there after a restart"
+                            : "database " + path_ + " is back");
+    }
+}
+
+void Storage::put_profile_with_rows(const std::string &name, const Profile &p) {
+    write_through([&] {
+        save_profile(name, p);
+        for (const auto &[idx, address] : p.emails) {
+            db_.exec("INSERT OR REPLACE INTO profile_emails(profile, idx, address) VALUES(?, ?, ?)",
+                     {name, int64_t(idx), address});
+        }
+        for (const auto &group : p.groups) {
+            db_.exec("INSERT OR REPLACE INTO profile_groups(profile, grp) VALUES(?, ?)",
+                     {name, group});
+        }
+    });
 }
 
 void Storage::erase_profile(const std::string &name) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,7 +57,9 @@ class Storage {
     void record_failure(uint32_t code, const std::string &why);
 
     void put_profile(const std::string &name, const Profile &p); // its addresses and groups stay
-    void erase_profile(const std::string &name);                 // with its addresses and groups
+    // A new profile with its addresses and groups (an undone delete), in one transaction.
+    void put_profile_with_rows(const std::string &name, const Profile &p);
+    void erase_profile(const std::string &name); // with its addresses and groups
     void put_address(const std::string &profile, int32_t idx, const std::string &address);
     void erase_address(const std::string &profile, int32_t idx);
     void put_group(const std::string &profile, const std::string &group);
@@ -102,12 +105,18 @@ class Storage {
         return gethostname(host, sizeof host - 1) == 0 && host[0] ? host : "localhost";
     }
     template <class F> void write_through(F &&write) {
+        check_file();
         db::Transaction tx(db_);
         write();
         tx.commit();
     }
+    // Logs (once per change) when the file at the path is no longer the one opened.
+    void check_file();
 
     db::Database db_;
+    std::string path_;
+    uint64_t dev_ = 0, ino_ = 0;
+    bool file_gone_ = false;
     std::function<void()> listener_;
     std::string host_ = host_name(); // in the Message-IDs
 };

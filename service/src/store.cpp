@@ -98,6 +98,10 @@ void Database::query(const std::string &sql, const std::vector<Value> &params,
     }
 }
 
+bool Database::read_only() const {
+    return sqlite3_db_readonly(db_.get(), "main") == 1;
+}
+
 int64_t Database::user_version() {
     int64_t v = 0;
     query("PRAGMA user_version", {}, [&](const Row &r) { v = r.integer(0); });

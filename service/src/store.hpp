@@ -37,6 +37,8 @@ class Database {
     void query(const std::string &sql, const std::vector<Value> &params,
                const std::function<void(const Row &)> &each);
     int64_t user_version();
+    // True when SQLite could open the file for reading only.
+    bool read_only() const;
 
   private:
     friend class Transaction;

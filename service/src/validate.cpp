@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 
 #include <cctype>
+#include <cstdint>
+#include <string>
 
 namespace callhome::validate {
 namespace {
@@ -76,14 +78,57 @@ bool ipv6(const std::string &s) {
     return inet_pton(AF_INET6, s.c_str(), &a) == 1;
 }
 
-bool printable(const std::string &s) {
-    for (char c : s) {
-        const auto u = static_cast<unsigned char>(c);
-        if (u < 0x20 || u == 0x7F) {
-            return false;
-        }
+size_t utf8_sequence(const std::string &s, size_t pos) {
+    const auto at = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+    const unsigned char b = at(pos);
+    if (b < 0x80) {
+        return 1;
     }
-    return true;
+    size_t n;
+    uint32_t cp;
+    if (b >= 0xC2 && b <= 0xDF) {
+        n = 2, cp = b & 0x1F;
+    } else if (b >= 0xE0 && b <= 0xEF) {
+        n = 3, cp = b & 0x0F;
+    } else if (b >= 0xF0 && b <= 0xF4) {
+        n = 4, cp = b & 0x07;
+    } else {
+        return 0;
+    }
+    if (pos + n > s.size()) {
+        return 0;
+    }
+    for (size_t i = 1; i < n; ++i) {
+        if ((at(pos + i) & 0xC0) != 0x80) {
+            return 0;
+        }
+        cp = cp << 6 | (at(pos + i) & 0x3F);
+    }
+    // Overlong forms, UTF-16 surrogates and code points past U+10FFFF are not UTF-8.
+    const bool overlong = (n == 3 && cp < 0x800) || (n == 4 && cp < 0x10000);
+    if (overlong || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) {
+        return 0;
+    }
+    return n;
+}
+
+std::string text_problem(const std::string &s) {
+    for (size_t i = 0; i < s.size();) {
+        const auto u = static_cast<unsigned char>(s[i]);
+        if (u < 0x20 || u == 0x7F) {
+            return "control character at byte " + std::to_string(i);
+        }
+        const size_t n = utf8_sequence(s, i);
+        if (n == 0) {
+            return "not valid UTF-8 at byte " + std::to_string(i);
+        }
+        i += n;
+    }
+    return {};
+}
+
+bool printable(const std::string &s) {
+    return text_problem(s).empty();
 }
 
 } // namespace callhome::validate

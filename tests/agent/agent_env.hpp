@@ -129,11 +129,18 @@ class Process {
     void kill(int sig) {
         if (pid_ > 0) {
             ::kill(pid_, sig);
+            ::kill(pid_, SIGCONT); // a stopped process acts on the signal only once resumed
             ::waitpid(pid_, nullptr, 0);
             pid_ = -1;
         }
     }
     void stop() { kill(SIGTERM); }
+    // Sends `sig` and leaves the process be (SIGSTOP, SIGCONT).
+    void signal(int sig) const {
+        if (pid_ > 0) {
+            ::kill(pid_, sig);
+        }
+    }
 
   private:
     pid_t pid_ = -1;

@@ -65,6 +65,13 @@ TEST_F(ServiceTableWrite, RefusalsLeaveTheServiceUnchanged) {
 
 TEST_F(ServiceTableWrite, AFailingLaterVariableRestoresTheService) {
     ASSERT_EQ(run_set({prof(kProfileStatus, "old", 4), prof(kLevel, "old", 7)}).status, 0);
+    // The destroyed profile comes back with its addresses and alert groups.
+    ASSERT_EQ(run_set({int_vb(email_oid(kEmailStatus, "old", 1), 4),
+                       str_vb(email_oid(kEmailAddr, "old", 1), "o@ops.example")})
+                  .status,
+              0);
+    ASSERT_EQ(run_set({str_vb(profile_oid(kGroups, "old"), "\x60")}).status, 0);
+    ASSERT_NE(dump().find("o@ops.example"), std::string::npos);
     ASSERT_EQ(run_set({prof(kProfileStatus, "ops", 4)}).status, 0);
     ASSERT_EQ(run_set({mail(3, 4), addr(3, "x@ops.example")}).status, 0);
     const std::string before = dump();
@@ -74,6 +81,12 @@ TEST_F(ServiceTableWrite, AFailingLaterVariableRestoresTheService) {
     EXPECT_EQ(r.status, SNMP_ERR_NOSUCHNAME);
     EXPECT_EQ(r.phase, ACTION);
     EXPECT_EQ(dump(), before);
+    // Destroyed for good, it takes them along; created again, it starts without them.
+    platform::set_snmp_context("admin", 6);
+    ASSERT_EQ(run_set({prof(kProfileStatus, "old", 6)}).status, 0);
+    platform::set_snmp_context("admin", 7);
+    ASSERT_EQ(run_set({prof(kProfileStatus, "old", 4)}).status, 0);
+    EXPECT_EQ(dump().find("o@ops.example"), std::string::npos);
 }
 
 } // namespace

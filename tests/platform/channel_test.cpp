@@ -1,6 +1,9 @@
 // The request channel: what reaches the service, and what the caller gets back when the
 // service answers, stays silent, goes away or misbehaves.
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -172,8 +175,8 @@ TEST_F(ChannelTest, AnswersMalformedAnswersAndHangUps) {
 }
 
 TEST_F(ChannelTest, LateAnswerIsNeverTakenForTheNextRequest) {
-    // The first request goes unanswered; the second gets the stale answer to the first,
-    // then its own.
+    // The first request goes unanswered; the probe that follows the time-out gets the stale
+    // answer to the first and its own; the second request gets its own.
     uint32_t first_seq = 0;
     const Bytes stale{0xDE, 0xAD}, fresh{0x0F};
     FakeService service(path, [&](const fr::Frame &r) {
@@ -187,7 +190,44 @@ TEST_F(ChannelTest, LateAnswerIsNeverTakenForTheNextRequest) {
     EXPECT_EQ(std::make_tuple(-1, ETIME, (void *)nullptr, 0u),
               std::make_tuple(timed_out->rc, timed_out->err, timed_out->data, timed_out->length));
     EXPECT_EQ(fresh, ask({2})->bytes());
-    EXPECT_EQ(service.requests().size(), 2u);
+    const auto seen = service.requests();
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(std::make_tuple(seen[1].opcode, seen[1].msg_type, seen[1].flags),
+              std::make_tuple(2156, 1, fr::kUserNull)); // the probe: a read, no record wanted
+    EXPECT_EQ(seen[2].body, Bytes{2});
+}
+
+// After a time-out, requests fail at once (nothing sent) until the service answers a probe
+// (at most one a second) or a late answer arrives; each request carries its deadline.
+TEST_F(ChannelTest, SilentServiceCostsOneWaitThenFailsFastUntilItAnswers) {
+    std::atomic<bool> silent{true};
+    FakeService service(path, [&](const fr::Frame &r) {
+        return silent ? Action{} : Action{{response(r.seq, 0, &r.body)}};
+    });
+    const auto sent = platform::frame::monotonic_ms();
+    EXPECT_EQ(ETIME, ask({1}, 1)->err);
+    const auto t0 = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(ETIME, ask({2}, 4)->err);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(900));
+    auto seen = service.requests();
+    ASSERT_EQ(seen.size(), 2u); // the request and one probe
+    EXPECT_NEAR(double(seen[0].deadline_ms), double(sent + 1000), 100.0);
+    EXPECT_NEAR(double(seen[1].deadline_ms), double(seen[0].deadline_ms + 200), 100.0);
+    silent = false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    EXPECT_EQ(Bytes{3}, ask({3})->bytes());
+    // A refusal because the deadline passed reads as a time-out.
+    FakeService refusing(path, [&](const fr::Frame &r) {
+        fr::Frame a;
+        a.kind = fr::Kind::Response;
+        a.seq = r.seq;
+        a.flags = fr::kExpired;
+        return Action{{fr::encode(a).value()}};
+    });
+    platform::disconnect();
+    EXPECT_EQ(ETIME, ask({4})->err);
 }
 
 TEST_F(ChannelTest, AbsentOrRestartedServiceFailsThenReconnects) {

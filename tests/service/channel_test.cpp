@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "callhome/service.hpp"
+#include "json.hpp"
 #include "records.hpp"
 
 using namespace svc_test;
@@ -159,6 +160,11 @@ TEST_F(Channel, RefusalsAnswerTheirStatusAndChangeNothing) {
         {"priority x", kInfo, SET_REQ, info_rec("priority", "x"), kInvalid},
         {"unknown info name", kInfo, SET_REQ, info_rec("unknownName", "x"), kInvalid},
         {"control character", kInfo, SET_REQ, info_rec("siteId", "tab\there"), kInvalid},
+        {"Latin-1, not UTF-8", kInfo, SET_REQ, info_rec("siteId", "caf\xe9"), kInvalid},
+        {"overlong UTF-8", kInfo, SET_REQ, info_rec("custId", "\xc0\xaf"), kInvalid},
+        {"UTF-16 surrogate", kInfo, SET_REQ, info_rec("custId", "\xed\xa0\x80"), kInvalid},
+        {"cut UTF-8", kInfo, SET_REQ, info_rec("custId", "ab\xe2\x82"), kInvalid},
+        {"profile not UTF-8", kProfile, SET_REQ, profile_rec("p\xff"), kInvalid},
         // A name that fills its whole field has no terminator: it is no known name.
         {"unterminated name", kInfo, SET_REQ, info_rec("custId" + std::string(250, 'x'), "v"),
          kInvalid},
@@ -233,7 +239,7 @@ TEST_F(Channel, AcceptedWritesReadBackAsSent) {
     const std::pair<int, Bytes> writes[] = {
         {kInfo, info_rec("custId", "C-42")},
         {kInfo, info_rec("contractId", "K 7")},
-        {kInfo, info_rec("siteId", "site")},
+        {kInfo, info_rec("siteId", "Zürich \xe2\x82\xac \xf0\x9f\x93\x9e")},
         {kInfo, info_rec("sysStreetAddress", "1 Main Street")},
         {kInfo, info_rec("sysContactPhoneNumber", "+1 800-555")},
         {kInfo, info_rec("sysContactEmail", "ops@example.com")},
@@ -602,3 +608,21 @@ TEST(Durability, ConfigurationSurvivesARestartAndJunkIsRefused) {
 }
 
 } // namespace
+
+TEST(JsonText, AnyBytesBecomeWellFormedUtf8) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain", "\"plain\""},
+        {"q\"\\\n", "\"q\\\"\\\\\\n\""},
+        {"\x01\x7f", "\"\\u0001\\u007f\""},
+        {"\xc3\xa9\xf0\x9f\x93\x9e", "\"\xc3\xa9\xf0\x9f\x93\x9e\""}, // kept as it is
+        {"caf\xe9!", "\"caf\\ufffd!\""},                              // Latin-1
+        {"\xe2\x82", "\"\\ufffd\\ufffd\""},                           // cut short
+        {"\xc0\xaf", "\"\\ufffd\\ufffd\""},                           // overlong
+        {"\xed\xa0\x80", "\"\\ufffd\\ufffd\\ufffd\""},                // surrogate
+    };
+    for (const auto &[in, out] : cases) {
+        callhome::json::Writer w;
+        w.value(in);
+        EXPECT_EQ(out + "\n", w.str()) << in;
+    }
+}

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -130,6 +131,16 @@ struct Daemon {
     bool start() {
         pid = fork();
         if (pid == 0) {
+            if (nofile != 0) {
+                const rlimit lim{nofile, nofile};
+                setrlimit(RLIMIT_NOFILE, &lim);
+            }
+            if (!log.empty()) {
+                dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+            }
+            if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) {
+                _exit(126);
+            }
             const char *args[] = {CALLHOMED_PATH,  "--socket",
                                   sock.c_str(),    "--db",
                                   db.c_str(),      "--pidfile",
@@ -161,6 +172,9 @@ struct Daemon {
     std::string sock, db, pidfile;
     bool faults;
     pid_t pid = -1;
+    rlim_t nofile = 0; // descriptor limit when not 0
+    std::string log;   // stderr goes here when set
+    uid_t user = 0;    // runs as this user (and group of that number) when not 0
 };
 
 class DaemonTest : public ::testing::Test {
@@ -183,6 +197,122 @@ class DaemonTest : public ::testing::Test {
     std::string sock = dir + "/run/callhomed.sock", db = dir + "/state/callhome.db";
     Daemon daemon{sock, db, dir + "/callhomed.pid"};
 };
+
+// CPU seconds a process has used so far.
+double cpu_seconds(pid_t pid) {
+    std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/stat"));
+    std::string field;
+    for (int i = 0; i < 13; ++i) { // past pid, comm (no blanks in ours), state, ...
+        in >> field;
+    }
+    unsigned long utime = 0, stime = 0;
+    in >> utime >> stime;
+    return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
+}
+
+size_t count(const std::string &text, const std::string &what) {
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+// A daemon of its own, started by the test, logging to a file.
+class LoggingDaemonTest : public DaemonTest {
+  protected:
+    void SetUp() override { daemon.log = dir + "/callhomed.log"; }
+};
+
+TEST_F(LoggingDaemonTest, OutOfDescriptorsItBacksOffServesItsClientsAndLogsOnce) {
+    daemon.nofile = 64;
+    ASSERT_TRUE(daemon.start());
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 80; ++i) {
+        clients.push_back(std::make_unique<Client>(sock));
+        ASSERT_GE(clients.back()->fd, 0) << i;
+    }
+    // Every client asks; those the daemon had room for are answered.
+    for (auto &c : clients) {
+        c->ask(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
+    }
+    EXPECT_TRUE(clients.front()->receive());
+    const double cpu = cpu_seconds(daemon.pid);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_LT(cpu_seconds(daemon.pid) - cpu, 0.1); // no spinning on the full table
+    // Room made, the clients that waited get in and are answered.
+    clients.erase(clients.begin(), clients.begin() + 30);
+    for (auto &c : clients) {
+        EXPECT_TRUE(c->receive());
+    }
+    const std::string log = slurp(daemon.log);
+    EXPECT_EQ(1u, count(log, "accept: Too many open files")) << log;
+    EXPECT_EQ(1u, count(log, "accepting connections again")) << log;
+}
+
+// Where an operator looks: why a change was refused, why storing it failed, what became of
+// the database file; and a database that can't be used at all stops the daemon at once.
+TEST_F(LoggingDaemonTest, RefusalsAndStorageFailuresSayWhy) {
+    const Result bad = run({CALLHOMED_PATH, "--socket", sock, "--db", dir}, dir + "/bad");
+    EXPECT_EQ(1, bad.code);
+    EXPECT_NE(std::string::npos, bad.err.find("cannot use the database " + dir + ": ")) << bad.err;
+
+    ASSERT_TRUE(daemon.start()); // creates the database
+    ASSERT_EQ(0, daemon.stop(SIGTERM));
+    // Read-only for the daemon: root ignores file modes, so the daemon runs as nobody then.
+    if (geteuid() == 0) {
+        daemon.user = 65534;
+        ASSERT_EQ(0, std::system(("chown -R 65534:65534 '" + dir + "'").c_str()));
+    }
+    // A database it can't write stops it at start, saying why.
+    ASSERT_EQ(0, chmod(db.c_str(), 0444));
+    EXPECT_FALSE(daemon.start());
+    ASSERT_EQ(0, chmod(db.c_str(), 0644));
+    ASSERT_TRUE(daemon.start()) << slurp(daemon.log);
+    Client c(sock);
+    EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
+              c.request(CALLHOME_ENABLE_OPC, SET_REQ, switch_rec(1)).status);
+    EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
+              c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("siteId", "caf\xe9")).status);
+    ASSERT_EQ(0, unlink(db.c_str()));
+    c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("custId", "C-1"));
+    const std::string log = slurp(daemon.log);
+    for (const std::string &line : std::vector<std::string>{
+             "cannot use the database " + db + ": ",
+             "readonly database",
+             "refused callHomeEnable=true: sysContactPhoneNumber is not set",
+             "refused siteId: not valid UTF-8 at byte 3",
+             "was deleted while running",
+         }) {
+        EXPECT_NE(std::string::npos, log.find(line)) << line << "\n" << log;
+    }
+}
+
+TEST_F(LoggingDaemonTest, RequestReachedAfterItsDeadlineIsRefusedUnapplied) {
+    ASSERT_TRUE(daemon.start());
+    ASSERT_EQ(0, ctl({"fault", "delay", "CALLHOME_INFO_OPC", "600", "--type", "3"}).code);
+    Client c(sock);
+    fr::Frame f;
+    f.kind = fr::Kind::Request;
+    f.seq = 9;
+    f.opcode = CALLHOME_INFO_OPC;
+    f.msg_type = SET_REQ;
+    f.body = info_rec("siteId", "late");
+    f.deadline_ms = fr::monotonic_ms() + 300;
+    c.send(f);
+    auto r = c.receive();
+    ASSERT_TRUE(r);
+    EXPECT_EQ(9u, r->seq);
+    EXPECT_TRUE(r->flags & fr::kExpired);
+    EXPECT_EQ(-1, r->status);
+    // Not applied; a request in time is.
+    EXPECT_EQ(CALLHOME_UNKNOWN_ENTRY,
+              c.request(CALLHOME_INFO_OPC, GET_REQ, info_rec("siteId")).status);
+    EXPECT_NE(std::string::npos, slurp(daemon.log)
+                                     .find("refused CALLHOME_INFO_OPC SET unapplied: its caller's "
+                                           "deadline had passed"))
+        << slurp(daemon.log);
+}
 
 TEST_F(DaemonTest, AcknowledgedChangesSurviveKillNineAndTheStaleSocketIsReplaced) {
     {

@@ -6,6 +6,8 @@
 //  16  i32 msg_type         20  i32 client          24  u32 session
 //  28  i32 wait             32  i32 status          36  u32 flags
 //  40  u16 user length      42  u16 reserved        44  u32 body length
+//  48  u64 deadline: CLOCK_MONOTONIC milliseconds after which the sender no longer waits
+//      for the answer (0: none). Both ends share one host, so they share that clock.
 // followed by the user name and the body (the record, payload or admin text).
 #pragma once
 
@@ -18,8 +20,8 @@
 namespace platform::frame {
 
 inline constexpr uint32_t kMagic = 0x43484D46; // "CHMF"
-inline constexpr uint16_t kVersion = 1;
-inline constexpr size_t kHeaderSize = 48;
+inline constexpr uint16_t kVersion = 2;
+inline constexpr size_t kHeaderSize = 56;
 inline constexpr size_t kMaxUser = 256;
 inline constexpr size_t kMaxBody = 64 * 1024;
 inline constexpr size_t kMaxFrame = kHeaderSize + kMaxUser + kMaxBody;
@@ -37,6 +39,7 @@ enum class Kind : uint16_t {
 inline constexpr uint32_t kUserNull = 1u << 0;    // request: the caller passed no user
 inline constexpr uint32_t kWantsRecord = 1u << 1; // request: the caller wants the answer's record
 inline constexpr uint32_t kHasRecord = 1u << 2;   // response: body is the answer's record
+inline constexpr uint32_t kExpired = 1u << 3;     // response: refused unapplied, deadline passed
 
 // Notification ids the platform handles itself (the service's own ids are above 1000).
 inline constexpr int32_t kDistributionStateNotif = 1; // body: u32 enabled, u32 show-run mode
@@ -51,6 +54,7 @@ struct Frame {
     int32_t wait = 0;
     int32_t status = 0;
     uint32_t flags = 0;
+    uint64_t deadline_ms = 0;
     std::string user;
     std::vector<uint8_t> body;
 };
@@ -59,8 +63,12 @@ struct Frame {
 std::optional<std::vector<uint8_t>> encode(const Frame &f);
 
 // Decodes one received message. Refuses (nullopt) a wrong magic or version, an unknown kind,
-// lengths that disagree with the message size, or anything beyond the limits.
+// a reserved field that is not 0, lengths that disagree with the message size, or anything beyond
+// the limits.
 std::optional<Frame> decode(const uint8_t *data, size_t size);
+
+// Now on the clock that deadlines are written in.
+uint64_t monotonic_ms();
 
 // Big-endian helpers shared by the platform and the service.
 inline void put_u32(uint8_t *p, uint32_t v) {

@@ -52,6 +52,8 @@ class Server {
     void read_from(Conn &c);
     void pump(Conn &c);
     void handle(Conn &c, platform::frame::Frame &&f);
+    // Answers a request, or refuses it unapplied when its caller's deadline has passed.
+    void serve(Conn &c, const platform::frame::Frame &f);
     void answer_request(Conn &c, const platform::frame::Frame &f, const platform::CmiReply &r);
     void send(Conn &c, const platform::frame::Frame &f);
     void flush(Conn &c);
@@ -61,6 +63,9 @@ class Server {
     std::string path_;
     UniqueFd listen_;
     std::list<Conn> conns_;
+    bool accept_starved_ = false; // accept failed (EMFILE...) and connections still wait
+    bool accept_paused_ = false;  // the listener is left alone until accept_resume_
+    Clock::time_point accept_resume_;
     bool fault_injection_ = false;
 };
 
