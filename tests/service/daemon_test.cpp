@@ -267,7 +267,10 @@ TEST_F(LoggingDaemonTest, RefusalsAndStorageFailuresSayWhy) {
     // A database it can't write stops it at start, saying why.
     ASSERT_EQ(0, chmod(db.c_str(), 0444));
     EXPECT_FALSE(daemon.start());
-    ASSERT_EQ(0, chmod(db.c_str(), 0644));
+    // SQLite made its -wal and -shm files read-only like the database: fix all of them.
+    for (const char *suffix : {"", "-wal", "-shm"}) {
+        chmod((db + suffix).c_str(), 0644);
+    }
     ASSERT_TRUE(daemon.start()) << slurp(daemon.log);
     Client c(sock);
     EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
