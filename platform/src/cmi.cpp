@@ -8,8 +8,8 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include "callhome_wire.h"
@@ -30,6 +30,7 @@ struct Channel {
     Transport transport;
     std::string path; // empty: default_socket_path()
     UniqueFd fd;
+    long long rcvtimeo_ms = -1; // SO_RCVTIMEO on fd; -1: not set yet
     uint32_t seq = 0;
     std::vector<uint8_t> rx; // kMaxFrame + 1 so an oversized answer shows as truncated
 };
@@ -60,6 +61,7 @@ int ensure_connected(Channel &c) {
         return 0;
     }
     c.fd = connect_seqpacket(c.path.empty() ? default_socket_path() : c.path);
+    c.rcvtimeo_ms = -1;
     return c.fd ? 0 : errno;
 }
 
@@ -108,31 +110,36 @@ CmiReply socket_round_trip(const CmiRequest &r) {
     if (c.rx.size() != fr::kMaxFrame + 1) {
         c.rx.resize(fr::kMaxFrame + 1);
     }
+    // A blocking receive bounded by SO_RCVTIMEO: two system calls a round trip (send, recv)
+    // instead of a poll before every receive. The time-out is set only when it changes:
+    // callers use a few fixed waits, and a late answer shortens what is left.
     using clock = std::chrono::steady_clock;
     const auto deadline = clock::now() + std::chrono::seconds(std::max(r.wait, 1));
+    long long timeout_ms = std::max(r.wait, 1) * 1000LL;
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
-        if (left <= 0) {
+        if (timeout_ms <= 0) {
             // The connection stays: a late answer is recognised by its seq and dropped.
             return failure(ETIME);
         }
-        pollfd p{c.fd.get(), POLLIN, 0};
-        const int ready = ::poll(&p, 1, int(std::min<long long>(left, 60'000)));
-        if (ready < 0) {
-            if (errno == EINTR) {
-                continue;
+        if (timeout_ms != c.rcvtimeo_ms) {
+            timeval tv{};
+            tv.tv_sec = time_t(timeout_ms / 1000);
+            tv.tv_usec = suseconds_t(timeout_ms % 1000 * 1000);
+            if (::setsockopt(c.fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
+                const int err = errno;
+                c.fd.reset();
+                return failure(err);
             }
-            const int err = errno;
-            c.fd.reset();
-            return failure(err);
+            c.rcvtimeo_ms = timeout_ms;
         }
-        if (ready == 0) {
-            continue;
-        }
-        const ssize_t got = ::recv(c.fd.get(), c.rx.data(), c.rx.size(), MSG_DONTWAIT | MSG_TRUNC);
+        const ssize_t got = ::recv(c.fd.get(), c.rx.data(), c.rx.size(), MSG_TRUNC);
+        const auto left = [&] {
+            return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now())
+                .count();
+        };
         if (got < 0) {
             if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) {
+                timeout_ms = left();
                 continue;
             }
             const int err = errno;
@@ -151,6 +158,7 @@ CmiReply socket_round_trip(const CmiRequest &r) {
             return failure(EPROTO);
         }
         if (answer->kind != fr::Kind::Response || answer->seq != c.seq) {
+            timeout_ms = left();
             continue; // a late answer to a request that already timed out
         }
         if (answer->status == -1) {

@@ -57,6 +57,7 @@ class Server {
     std::string path_;
     UniqueFd listen_;
     std::list<Conn> conns_;
+    std::vector<uint8_t> rx_; // receive buffer shared by all connections
 };
 
 } // namespace callhome
