@@ -96,7 +96,13 @@ void Child::stop() {
 
 ScratchDir::ScratchDir(const std::string &parent) {
     mkdir(parent.c_str(), 0700);
-    std::string templ = parent + "/run-XXXXXX";
+    // Absolute, so that child processes and net-snmp's path handling agree on it.
+    char *abs = realpath(parent.c_str(), nullptr);
+    if (abs == nullptr) {
+        throw std::runtime_error("cannot use " + parent + ": " + std::strerror(errno));
+    }
+    std::string templ = std::string(abs) + "/run-XXXXXX";
+    std::free(abs);
     if (mkdtemp(templ.data()) == nullptr) { // mkdtemp creates it 0700
         throw std::runtime_error("mkdtemp under " + parent + ": " + std::strerror(errno));
     }

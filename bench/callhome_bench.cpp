@@ -813,6 +813,16 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: callhome_bench --bin DIR --lib DIR --out FILE --state DIR\n");
         return 2;
     }
+    // snmpd loads the module by path from wherever it runs.
+    for (std::string *dir : {&p.bin, &p.lib}) {
+        char *abs = realpath(dir->c_str(), nullptr);
+        if (abs == nullptr) {
+            std::fprintf(stderr, "callhome_bench: no directory %s\n", dir->c_str());
+            return 2;
+        }
+        *dir = abs;
+        std::free(abs);
+    }
     try {
         return bench::run(p);
     } catch (const std::exception &e) {

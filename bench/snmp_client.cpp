@@ -1,5 +1,7 @@
 #include "snmp_client.hpp"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -32,6 +34,9 @@ Oid with_text_index(Oid base, const std::string &text) {
 }
 
 void init_snmp_library(const std::string &persistent_dir) {
+    // net-snmp would announce creating these.
+    mkdir(persistent_dir.c_str(), 0700);
+    mkdir((persistent_dir + "/cert_indexes").c_str(), 0700);
     setenv("MIBS", "", 1);
     setenv("SNMP_PERSISTENT_DIR", persistent_dir.c_str(), 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
@@ -65,7 +70,12 @@ SnmpClient::~SnmpClient() {
 bool SnmpClient::request(netsnmp_pdu *pdu) {
     netsnmp_pdu *resp = nullptr;
     const int st = snmp_sess_synch_response(session_, pdu, &resp);
-    const bool ok = st == STAT_SUCCESS && resp != nullptr && resp->errstat == SNMP_ERR_NOERROR;
+    bool ok = st == STAT_SUCCESS && resp != nullptr && resp->errstat == SNMP_ERR_NOERROR;
+    // An exception in place of a value (no such object...) is no answer either.
+    for (auto *v = ok ? resp->variables : nullptr; v != nullptr; v = v->next_variable) {
+        ok = ok && v->type != SNMP_NOSUCHOBJECT && v->type != SNMP_NOSUCHINSTANCE &&
+             v->type != SNMP_ENDOFMIBVIEW;
+    }
     if (resp != nullptr) {
         snmp_free_pdu(resp);
     }
@@ -145,6 +155,9 @@ WalkResult SnmpClient::walk(const Oid &root, int max_repetitions) {
         }
     }
     r.micros = micros_since(start);
+    if (r.varbinds == 0) {
+        throw std::runtime_error("walk: nothing under the subtree (is the module loaded?)");
+    }
     return r;
 }
 
