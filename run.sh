@@ -37,6 +37,9 @@ usage: ./run.sh COMMAND
   ctl ARGS...   run callhomectl against the running service
   fuzz [SECONDS] build the libFuzzer targets with clang and run each for SECONDS (default 30)
                 from its seed corpus in tests/fuzz/corpus (findings land in build-fuzz/findings)
+  bench         build what it needs and measure: the request channel, walks, memory and
+                read latency, each beside a peer measured in the same run; writes the
+                table to bench/results/latest.json too
   mibs          print the environment that lets net-snmp's tools use CALLHOME-MIB names:
                 eval "\$(./run.sh mibs)"
   env           the same, plus the SNMPv3 client configuration start wrote, so that
@@ -122,6 +125,16 @@ cmd_fuzz() {
         fi
     done
     return $failed
+}
+
+# Measurements run on their own service and snmpd (free port, scratch state under the build
+# directory, on the same file system as a real state directory would be).
+cmd_bench() {
+    ensure_packages "${PACKAGES[@]}"
+    build --target callhomed callhomemib callhome_bench >/dev/null
+    mkdir -p "$ROOT/bench/results"
+    "$BUILD_DIR/bin/callhome_bench" --bin "$BUILD_DIR/bin" --lib "$BUILD_DIR/lib" \
+        --out "$ROOT/bench/results/latest.json" --state "$BUILD_DIR/bench-state"
 }
 
 # ---- start / stop ---------------------------------------------------------------------------
@@ -212,6 +225,8 @@ dontLogTCPWrappersConnects yes
 rocommunity public 127.0.0.1 $ROOT_OID
 rwuser $V3_USER priv $ROOT_OID
 trap2sink 127.0.0.1:$TRAP_PORT public
+# The log records what goes wrong, not every request.
+dontLogTCPWrappersConnects yes
 EOF
         if [[ -n ${CALLHOME_RW_COMMUNITY:-} ]]; then
             [[ $CALLHOME_RW_COMMUNITY =~ ^[A-Za-z0-9._-]+$ ]] ||
@@ -296,9 +311,12 @@ cmd_start() {
     if [[ $MODE == agentx ]] && ! pid_alive "$SUBAGENT_PID"; then
         wait_for 10 test -S "$AGENTX_SOCKET" ||
             die "snmpd opened no AgentX socket; see $STATE_DIR/snmpd.log"
-        # It goes to the background itself once it is set up; traces go to its log.
+        # It goes to the background itself once it is set up; its log gets the traces only
+        # with CALLHOME_DEBUG (formatting them costs more than the requests they describe).
+        local sub_debug=()
+        [[ -n ${CALLHOME_DEBUG:-} ]] && sub_debug=(-D callhome)
         "$BUILD_DIR/bin/callhome-agentx" -x "$AGENTX_SOCKET" -s "$SOCKET" -p "$SUBAGENT_PID" \
-            -Lf "$STATE_DIR/callhome-agentx.log" -D callhome </dev/null >/dev/null 2>&1 ||
+            -Lf "$STATE_DIR/callhome-agentx.log" "${sub_debug[@]}" </dev/null >/dev/null 2>&1 ||
             die "callhome-agentx failed to start; see $STATE_DIR/callhome-agentx.log"
         wait_for 10 snmpget -v2c -c public -r 0 -t 1 "127.0.0.1:$SNMP_PORT" "$ROOT_OID.1.1.13.0" ||
             die "the subagent does not answer through snmpd; see $STATE_DIR/callhome-agentx.log"
@@ -417,6 +435,7 @@ fuzz)
     shift
     cmd_fuzz "$@"
     ;;
+bench) cmd_bench ;;
 start) cmd_start ;;
 stop) cmd_stop ;;
 status) cmd_status ;;

@@ -9,8 +9,8 @@
 #include <ctime>
 #include <mutex>
 #include <new>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include "callhome_wire.h"
@@ -39,6 +39,7 @@ struct Channel {
     Transport transport;
     std::string path; // empty: default_socket_path()
     UniqueFd fd;
+    long long rcvtimeo_ms = -1; // SO_RCVTIMEO on fd; -1: not set yet
     uint32_t seq = 0;
     std::vector<uint8_t> rx; // kMaxFrame + 1 so an oversized answer shows as truncated
     bool stalled = false;
@@ -115,6 +116,7 @@ int ensure_connected(Channel &c) {
     if (why.empty()) {
         c.fd = connect_seqpacket(path);
         if (c.fd) {
+            c.rcvtimeo_ms = -1;
             return 0;
         }
     }
@@ -130,33 +132,43 @@ int ensure_connected(Channel &c) {
 
 // Receives one frame, waiting until `until` at the latest (a time already past only
 // takes what has arrived). 0 with `out` set, ETIME, or an errno value (the connection is
-// dropped when it failed).
-int receive_frame(Channel &c, Clock::time_point until, fr::Frame &out) {
+// dropped when it failed). The wait is a blocking receive bounded by SO_RCVTIMEO: a round
+// trip costs two system calls (send, recv) instead of a poll before every receive. The
+// time-out is set only when it changes: callers use a few fixed waits, passed as `first_ms`
+// (the whole wait, which `until` was computed from an instant earlier).
+int receive_frame(Channel &c, Clock::time_point until, fr::Frame &out, long long first_ms = 0) {
     if (c.rx.size() != fr::kMaxFrame + 1) {
         c.rx.resize(fr::kMaxFrame + 1);
     }
-    for (;;) {
-        const long long left = std::max<long long>(
-            0, std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count());
-        pollfd p{c.fd.get(), POLLIN, 0};
-        const int ready = ::poll(&p, 1, int(std::min<long long>(left, 60'000)));
-        if (ready < 0) {
-            if (errno == EINTR) {
+    for (bool first = true;; first = false) {
+        const long long left =
+            first && first_ms > 0
+                ? first_ms
+                : std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now())
+                      .count();
+        int flags = MSG_TRUNC;
+        if (left <= 0) {
+            flags |= MSG_DONTWAIT;
+        } else if (left != c.rcvtimeo_ms) {
+            timeval tv{};
+            tv.tv_sec = time_t(left / 1000);
+            tv.tv_usec = suseconds_t(left % 1000 * 1000);
+            if (::setsockopt(c.fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
+                const int err = errno;
+                c.fd.reset();
+                return note_failure(c, "setsockopt", err);
+            }
+            c.rcvtimeo_ms = left;
+        }
+        const ssize_t got = ::recv(c.fd.get(), c.rx.data(), c.rx.size(), flags);
+        if (got < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                if (left <= 0 || Clock::now() >= until) {
+                    return ETIME;
+                }
                 continue;
             }
-            const int err = errno;
-            c.fd.reset();
-            return note_failure(c, "poll", err);
-        }
-        if (ready == 0) {
-            if (left == 0) {
-                return ETIME;
-            }
-            continue;
-        }
-        const ssize_t got = ::recv(c.fd.get(), c.rx.data(), c.rx.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (got < 0) {
-            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) {
+            if (errno == EINTR) {
                 continue;
             }
             const int err = errno;
@@ -276,9 +288,10 @@ CmiReply socket_round_trip(const CmiRequest &r) {
         }
     }
 
-    for (;;) {
+    long long first_ms = std::chrono::milliseconds(wait).count();
+    for (;; first_ms = 0) {
         fr::Frame answer;
-        if (const int err = receive_frame(c, deadline, answer)) {
+        if (const int err = receive_frame(c, deadline, answer, first_ms)) {
             if (err == ETIME) {
                 // The connection stays: a late answer is recognised by its seq and dropped.
                 enter_stall(c);

@@ -1,5 +1,6 @@
 #include "sdwrap.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -18,10 +19,13 @@ namespace {
 constexpr size_t kHistoryDepth = 1024;
 constexpr const char *kDebugToken = "callhome";
 
+// The module traces after nearly every step. Formatting a trace costs more than the request
+// it describes, so both switches answer "off" from one atomic load unless something reads
+// the output: the history when CALLHOME_TRACE_HISTORY is set in the environment (or a test
+// records it), debug output with net-snmp's -Dcallhome, CALLHOME_DEBUG or a test's switch.
 struct History {
     std::mutex mutex;
     std::deque<std::pair<int, std::string>> records;
-    bool debug_forced = false;
 };
 
 History &history() {
@@ -29,10 +33,26 @@ History &history() {
     return h;
 }
 
+bool env_set(const char *name) {
+    const char *v = std::getenv(name);
+    return v != nullptr && *v != '\0';
+}
+
+struct Switches {
+    std::atomic<bool> history{env_set("CALLHOME_TRACE_HISTORY")};
+    std::atomic<bool> debug_forced{false};
+    std::atomic<bool> debug_env{env_set("CALLHOME_DEBUG")};
+};
+
+Switches &switches() {
+    static Switches s;
+    return s;
+}
+
 } // namespace
 
 extern "C" int sdwrap_hist_event_subtype_check(uint32_t, int) {
-    return 0;
+    return switches().history.load(std::memory_order_relaxed) ? 0 : 1;
 }
 
 extern "C" void sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
@@ -54,16 +74,12 @@ extern "C" void sdwrap_hist_event(uint32_t, uint32_t length, const void *record)
 }
 
 extern "C" int sdwrap_chk_int(int, int, int, int) {
-    {
-        std::lock_guard<std::mutex> lock(history().mutex);
-        if (history().debug_forced) {
-            return 1;
-        }
-    }
-    const char *env = std::getenv("CALLHOME_DEBUG");
-    if (env != nullptr && *env != '\0') {
+    const Switches &s = switches();
+    if (s.debug_forced.load(std::memory_order_relaxed) ||
+        s.debug_env.load(std::memory_order_relaxed)) {
         return 1;
     }
+    // snmp_get_do_debugging is a plain read; the token list is searched only with -D on.
     return snmp_get_do_debugging() && debug_is_token_registered(kDebugToken) == SNMPERR_SUCCESS ? 1
                                                                                                 : 0;
 }
@@ -93,14 +109,20 @@ void clear_trace_history() {
 }
 
 void set_debug_output(bool on) {
-    std::lock_guard<std::mutex> lock(history().mutex);
-    history().debug_forced = on;
+    switches().debug_forced = on;
+}
+
+void set_trace_history(bool on) {
+    switches().history = on;
 }
 
 namespace detail {
 void reset_trace() {
     clear_trace_history();
     set_debug_output(false);
+    // Tests read the history; the environment is read again for tests of it.
+    set_trace_history(true);
+    switches().debug_env = env_set("CALLHOME_DEBUG");
 }
 } // namespace detail
 

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "internal.hpp"
 #include "platform/testing.hpp"
@@ -41,7 +40,8 @@ struct ErrorLog {
     int set_code = 0;
     int32_t snmp_status = 0;
     std::string snmp_text;
-    std::vector<int> heartbeats;
+    // A state, not a history: the agent beats twice per write for as long as it runs.
+    platform::HeartbeatState heartbeat;
 };
 
 ErrorLog &errors() {
@@ -106,7 +106,11 @@ extern "C" void log_snmp_error(const void *record) {
 
 extern "C" void sysmgr_heartbeat(int busy) {
     std::lock_guard<std::mutex> lock(errors().mutex);
-    errors().heartbeats.push_back(busy != 0 ? 1 : 0);
+    auto &h = errors().heartbeat;
+    if (h.busy != (busy != 0)) {
+        h.busy = busy != 0;
+        ++h.changes;
+    }
 }
 
 namespace platform {
@@ -129,19 +133,20 @@ void clear_errors() {
     errors().snmp_text.clear();
 }
 
-const std::vector<int> &heartbeat_log() {
-    return errors().heartbeats;
+HeartbeatState heartbeat_state() {
+    std::lock_guard<std::mutex> lock(errors().mutex);
+    return errors().heartbeat;
 }
 
-void clear_heartbeat_log() {
+void clear_heartbeat_state() {
     std::lock_guard<std::mutex> lock(errors().mutex);
-    errors().heartbeats.clear();
+    errors().heartbeat = {};
 }
 
 namespace detail {
 void reset_syserr() {
     clear_errors();
-    clear_heartbeat_log();
+    clear_heartbeat_state();
 }
 } // namespace detail
 

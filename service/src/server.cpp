@@ -25,7 +25,6 @@ namespace fr = platform::frame;
 // Bounds that keep one misbehaving client from growing the service without limit.
 constexpr size_t kMaxInbox = 1024;
 constexpr size_t kMaxOutbox = 4096;
-constexpr int kReadsPerWake = 64;
 // A request reached with less than this left would likely be answered after its caller
 // gave up; it is refused like one whose deadline has passed.
 constexpr uint64_t kDeadlineMarginMs = 20;
@@ -252,27 +251,30 @@ void Server::accept_clients() {
 }
 
 void Server::read_from(Conn &c) {
-    std::vector<uint8_t> buf(fr::kMaxFrame + 1);
-    for (int i = 0; i < kReadsPerWake; ++i) {
-        const ssize_t n = recv(c.fd.get(), buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (n < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-                c.dead = true;
-            }
-            return;
-        }
-        if (n == 0) { // the peer closed
-            c.dead = true;
-            return;
-        }
-        auto f = size_t(n) <= fr::kMaxFrame ? fr::decode(buf.data(), size_t(n)) : std::nullopt;
-        if (!f || c.inbox.size() >= kMaxInbox) {
-            std::cerr << "callhomed: malformed frame; closing the connection\n";
-            c.dead = true;
-            return;
-        }
-        c.inbox.push_back(std::move(*f));
+    // One message per wake-up: poll is level-triggered and clients wait for each answer, so
+    // a second receive would almost always answer EAGAIN. The buffer is the server's, sized
+    // once (one byte over the largest frame shows a truncated message).
+    if (rx_.size() != fr::kMaxFrame + 1) {
+        rx_.resize(fr::kMaxFrame + 1);
     }
+    const ssize_t n = recv(c.fd.get(), rx_.data(), rx_.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (n < 0) {
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            c.dead = true;
+        }
+        return;
+    }
+    if (n == 0) { // the peer closed
+        c.dead = true;
+        return;
+    }
+    auto f = size_t(n) <= fr::kMaxFrame ? fr::decode(rx_.data(), size_t(n)) : std::nullopt;
+    if (!f || c.inbox.size() >= kMaxInbox) {
+        std::cerr << "callhomed: malformed frame; closing the connection\n";
+        c.dead = true;
+        return;
+    }
+    c.inbox.push_back(std::move(*f));
 }
 
 void Server::pump(Conn &c) {

@@ -365,7 +365,7 @@ TEST_F(Scalars, WriteSetScalarOutcomes) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.status);
         platform::clear_errors();
-        platform::clear_heartbeat_log();
+        platform::clear_heartbeat_state();
         answer(c.status, c.err);
         char record[] = "abc";
         EXPECT_EQ(set_Scalar(CALLHOME_INFO_OPC, 4, record, 10), c.expected);
@@ -375,7 +375,7 @@ TEST_F(Scalars, WriteSetScalarOutcomes) {
             std::make_tuple(int{CALLHOME_INFO_OPC}, int{SET_REQ}, Bytes{'a', 'b', 'c', 0}, false));
         EXPECT_EQ(std::make_tuple(r.user, r.session, r.client, r.wait),
                   std::make_tuple(std::string("operator"), 77u, 0, 10));
-        EXPECT_EQ(platform::heartbeat_log(), (std::vector<int>{1, 0}));
+        EXPECT_EQ(platform::heartbeat_state(), (platform::HeartbeatState{false, 2}));
         EXPECT_EQ(platform::last_set_error(),
                   c.status && c.logged ? std::make_pair(c.status, 472) : std::make_pair(0, 0));
         EXPECT_EQ(platform::last_snmp_error(),
@@ -589,13 +589,13 @@ TEST_F(Scalars, WriteActionFailuresOfTheService) {
                           {CALLHOME_ERR_INVALID_INPUT, 0, SNMP_ERR_GENERR, true}};
     for (const auto &c : cases) {
         platform::clear_errors();
-        platform::clear_heartbeat_log();
+        platform::clear_heartbeat_state();
         answer(c.status, c.err);
         EXPECT_EQ(run(set_callHomeAlertAction, ACTION, num(2)), c.expected) << c.status;
         EXPECT_EQ(platform::last_set_error(),
                   c.logged ? std::make_pair(c.status, 472) : std::make_pair(0, 0));
         EXPECT_EQ(platform::last_snmp_error().first, 0); // no error record for the action
-        EXPECT_EQ(platform::heartbeat_log(), (std::vector<int>{1, 0}));
+        EXPECT_EQ(platform::heartbeat_state(), (platform::HeartbeatState{false, 2}));
     }
     EXPECT_EQ(channel.count(), 1u + 6u);
 }

@@ -34,7 +34,7 @@ class TableWrite : public ::testing::Test {
             model.put(w);
         }
         channel.clear();
-        platform::clear_heartbeat_log();
+        platform::clear_heartbeat_state();
         platform::clear_errors();
         platform::clear_trace_history();
     }

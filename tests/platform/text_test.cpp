@@ -123,13 +123,13 @@ TEST_F(PlatformTest, ErrorsHeartbeatsContextAndDistributionState) {
     platform::clear_errors();
     EXPECT_EQ(platform::last_snmp_error(), std::make_pair(0, std::string()));
 
-    for (int beat : {1, 0, 7}) {
+    for (int beat : {0, 1, 7, 0, 7}) { // repeats change nothing; any non-zero is busy
         sysmgr_heartbeat(beat);
     }
-    EXPECT_EQ(platform::heartbeat_log(), (std::vector<int>{1, 0, 1}));
+    EXPECT_EQ(platform::heartbeat_state(), (platform::HeartbeatState{true, 3}));
 
-    platform::clear_heartbeat_log();
-    EXPECT_TRUE(platform::heartbeat_log().empty());
+    platform::clear_heartbeat_state();
+    EXPECT_EQ(platform::heartbeat_state(), platform::HeartbeatState{});
 
     auto context = [] {
         return std::make_pair(std::string(get_snmp_username(0)), get_snmp_sessionid(0));
@@ -159,6 +159,10 @@ std::vector<char> trace(uint32_t level, const std::string &text) {
 }
 
 TEST_F(PlatformTest, TraceHistoryKeepsLevelAndTextAndWrapsAt1024) {
+    // Off unless something reads it (tests do, so reset_for_tests switches it on).
+    platform::set_trace_history(false);
+    EXPECT_NE(sdwrap_hist_event_subtype_check(0x730000, 101), 0);
+    platform::set_trace_history(true);
     EXPECT_EQ(sdwrap_hist_event_subtype_check(0x730000, 101), 0);
     auto r = trace(101, "get_callhome_mib : done \n");
     sdwrap_hist_event(0x730000, uint32_t(r.size()), r.data());
@@ -195,11 +199,16 @@ TEST_F(PlatformTest, DebugOutputSwitches) {
     platform::set_debug_output(true);
     EXPECT_TRUE(on());
     platform::set_debug_output(false);
+    // The environment is read at start (and again by reset_for_tests), not per trace.
     ::setenv("CALLHOME_DEBUG", "", 1);
+    platform::reset_for_tests();
     EXPECT_FALSE(on());
     ::setenv("CALLHOME_DEBUG", "1", 1);
+    EXPECT_FALSE(on());
+    platform::reset_for_tests();
     EXPECT_TRUE(on());
     ::unsetenv("CALLHOME_DEBUG");
+    platform::reset_for_tests();
     // net-snmp debugging counts only with the module's token.
     snmp_set_do_debugging(1);
     debug_register_tokens("someother");

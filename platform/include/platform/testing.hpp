@@ -56,13 +56,26 @@ std::pair<int32_t, int> last_set_error();          // (status, code); (0, 0) whe
 std::pair<int32_t, std::string> last_snmp_error(); // (status, text)
 void clear_errors();
 
-// Heartbeats in call order.
-const std::vector<int> &heartbeat_log();
-void clear_heartbeat_log();
+// What the process monitor knows: whether the last heartbeat said busy, and how many
+// heartbeats changed that (a write bracketed by busy and idle beats adds two).
+struct HeartbeatState {
+    bool busy = false;
+    uint64_t changes = 0;
+    bool operator==(const HeartbeatState &o) const {
+        return busy == o.busy && changes == o.changes;
+    }
+};
+HeartbeatState heartbeat_state();
+void clear_heartbeat_state();
 
-// Event history: (level, text) of the most recent records, oldest first.
+// Event history: (level, text) of the most recent records, oldest first. It records only
+// while switched on: by CALLHOME_TRACE_HISTORY in the environment, set_trace_history, or
+// reset_for_tests (tests read it).
 std::vector<std::pair<int, std::string>> trace_history();
 void clear_trace_history();
+void set_trace_history(bool on);
+// Debug output also on without -Dcallhome or CALLHOME_DEBUG (which is read at start and by
+// reset_for_tests).
 void set_debug_output(bool on);
 
 // Index containers.

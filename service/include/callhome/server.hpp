@@ -67,6 +67,7 @@ class Server {
     bool accept_paused_ = false;  // the listener is left alone until accept_resume_
     Clock::time_point accept_resume_;
     bool fault_injection_ = false;
+    std::vector<uint8_t> rx_; // receive buffer shared by all connections
 };
 
 } // namespace callhome
