@@ -23,9 +23,11 @@ set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
     "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libsnmp40 (>= 5.9.3), libsqlite3-0 (>= 3.40), libcurl4 (>= 7.88), libsystemd0, snmpd, adduser")
 
-# snmpd's configuration snippet is the administrator's once installed.
+# snmpd's configuration snippet and callhomed's configuration are the administrator's once
+# installed.
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles
-    "${CMAKE_INSTALL_FULL_SYSCONFDIR}/snmp/snmpd.conf.d/callhome.conf\n")
+    "${CMAKE_INSTALL_FULL_SYSCONFDIR}/snmp/snmpd.conf.d/callhome.conf\n"
+    "${CMAKE_INSTALL_FULL_SYSCONFDIR}/callhome/callhomed.conf\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/debian/postinst
     ${CMAKE_CURRENT_LIST_DIR}/debian/prerm

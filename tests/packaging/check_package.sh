@@ -36,7 +36,7 @@ for f in ./usr/sbin/callhomed ./usr/bin/callhomectl ./usr/sbin/callhome-agentx \
     ./usr/lib/callhome/libcallhomemib.so ./usr/lib/callhome/libcallhome_platform.so \
     ./usr/share/snmp/mibs/CALLHOME-MIB.txt \
     ./usr/lib/systemd/system/callhomed.service ./usr/lib/systemd/system/callhome-agentx.service \
-    ./etc/snmp/snmpd.conf.d/callhome.conf ./usr/share/doc/callhome/copyright \
+    ./etc/snmp/snmpd.conf.d/callhome.conf ./etc/callhome/callhomed.conf ./usr/share/doc/callhome/copyright \
     ./usr/share/doc/callhome/changelog.Debian.gz ./usr/share/man/man8/callhomed.8.gz \
     ./usr/share/man/man8/callhomectl.8.gz ./usr/share/man/man8/callhome-agentx.8.gz; do
     check "contains $f" grep -qxF "$f" <<<"$contents"
@@ -59,6 +59,7 @@ rm -rf "$control" "$root"
 dpkg-deb -e "$deb" "$control"
 dpkg-deb -x "$deb" "$root"
 check "conffiles lists the snmpd snippet" grep -qx /etc/snmp/snmpd.conf.d/callhome.conf "$control/conffiles"
+check "conffiles lists callhomed's configuration" grep -qx /etc/callhome/callhomed.conf "$control/conffiles"
 for s in postinst prerm postrm; do
     check "$s is a valid shell script" sh -n "$control/$s"
 done
