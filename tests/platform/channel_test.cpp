@@ -1,5 +1,6 @@
 // The request channel: what reaches the service, and what the caller gets back when the
 // service answers, stays silent, goes away or misbehaves.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -119,8 +120,10 @@ TEST_F(ChannelTest, AnswersMalformedAnswersAndHangUps) {
          {}},
         {"oversized",
          [](uint32_t s) {
-             Bytes m = response(s, 0);
-             m.resize(fr::kMaxFrame + 100, 0);
+             // Built at its full size: GCC 12 misreads a resize here under the sanitizers.
+             Bytes m(fr::kMaxFrame + 100, 0);
+             const Bytes head = response(s, 0);
+             std::copy(head.begin(), head.end(), m.begin());
              return Action{{m}};
          },
          -1,
