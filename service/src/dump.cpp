@@ -1,6 +1,7 @@
 // The JSON texts of `callhomectl dump` and `callhomectl outbox`.
 #include "admin_commands.hpp"
 #include "json.hpp"
+#include "message.hpp"
 
 #include <ctime>
 
@@ -90,15 +91,7 @@ std::string dump_json(const State &s, const outbox::Status &status,
 namespace {
 
 std::string utc(int64_t sec) {
-    if (sec == 0) {
-        return "";
-    }
-    const time_t t = time_t(sec);
-    tm u{};
-    gmtime_r(&t, &u);
-    char buf[32];
-    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &u);
-    return buf;
+    return sec == 0 ? "" : message::iso_time(sec);
 }
 
 } // namespace

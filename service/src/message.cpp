@@ -7,10 +7,6 @@
 #include <vector>
 
 namespace callhome::message {
-namespace {
-
-using xml::escape;
-
 std::string iso_time(int64_t sec) {
     const time_t t = time_t(sec);
     tm utc{};
@@ -19,6 +15,10 @@ std::string iso_time(int64_t sec) {
     strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &utc);
     return buf;
 }
+
+namespace {
+
+using xml::escape;
 
 // The labelled fields every message carries, in the order they are shown.
 std::vector<std::pair<std::string, std::string>> fields(const Input &in) {

@@ -42,6 +42,9 @@ struct Message {
 // Builds the message in `format`. A body longer than max_size (when non-zero) is cut at a
 // character boundary and ends with a line saying how many bytes were left out; the whole
 // stays within max_size.
+// Seconds since the epoch as UTC, "2026-11-23T13:29:47Z".
+std::string iso_time(int64_t sec);
+
 Message compose(const Input &in, int format, uint32_t max_size);
 
 // The cut of compose(), on its own.
