@@ -68,5 +68,47 @@ TEST_F(AgentFaults, SetAnsweredGenErrAfterItsWaitIsNeverApplied) {
     EXPECT_NE(get(R + ".1.1.7.0").find("\"lab 3\""), std::string::npos);
 }
 
+TEST_F(AgentFaults, DestroyUndoneByALaterFailureGivesBackAddressesAndGroups) {
+    add_profile("ops");
+    add_address("ops", 1, "oncall@example.com");
+    add_group("ops", "Test");
+    start_agent();
+    const std::string before = dump();
+    CommandResult set;
+    timed("snmpset",
+          R + ".1.1.12.1.5" + text_index("ops") + " i 6 " + R + ".1.1.12.1.2" +
+              text_index("ghost") + " i 2",
+          &set);
+    EXPECT_NE(error_status(set), "noError") << set.out;
+    EXPECT_EQ(dump(), before);
+}
+
+// Another process holds the database's write lock: the SET fails as genErr, the service says why,
+// and the next SET after the lock is gone works.
+TEST_F(AgentFaults, LockedDatabaseFailsTheSetWithItsReasonInTheLog) {
+    start_agent();
+    Process holder({"/usr/bin/python3", "-c",
+                    "import sqlite3, sys, time\n"
+                    "c = sqlite3.connect(sys.argv[1], isolation_level=None)\n"
+                    "c.execute('BEGIN IMMEDIATE')\n"
+                    "print('locked', flush=True)\n"
+                    "time.sleep(60)\n",
+                    db_},
+                   {}, dir_ + "/holder.out");
+    ASSERT_TRUE(eventually([&] {
+        std::ifstream f(dir_ + "/holder.out");
+        std::string line;
+        return std::getline(f, line) && line == "locked";
+    }));
+    CommandResult set;
+    timed("snmpset", R + ".1.1.7.0 s locked", &set);
+    EXPECT_EQ(error_status(set), "genErr") << set.out;
+    EXPECT_NE(log().find("database is locked"), std::string::npos) << log();
+    holder.stop();
+    timed("snmpset", R + ".1.1.7.0 s free", &set);
+    EXPECT_EQ(error_status(set), "noError") << set.out;
+    EXPECT_NE(get(R + ".1.1.7.0").find("\"free\""), std::string::npos);
+}
+
 } // namespace
 } // namespace agent_test
