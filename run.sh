@@ -327,8 +327,13 @@ call-home service: pid $(cat "$SERVICE_PID"), socket $SOCKET, database $DB
 SNMP agent:        pid $(cat "$AGENT_PID"), udp 127.0.0.1:$SNMP_PORT (v2c public reads; writes:
                    SNMPv3 user $V3_USER, authPriv, credentials in $CLIENT_CONF$([[ -n ${CALLHOME_RW_COMMUNITY:-} ]] && printf ', v2c community %s' "$CALLHOME_RW_COMMUNITY")),
                    notifications to 127.0.0.1:$TRAP_PORT, module $(running_mode)
-$([[ $(running_mode) == agentx ]] && echo "AgentX subagent:   pid $(cat "$SUBAGENT_PID"), master socket $AGENTX_SOCKET")
-$(pid_alive "$SINK_PID" && echo "mail sink:         pid $(cat "$SINK_PID"), smtp 127.0.0.1:$SMTP_PORT, messages in $MAIL_DIR/new/")
+EOF
+    # Lines for the parts that run only in some configurations.
+    [[ $(running_mode) == agentx ]] &&
+        echo "AgentX subagent:   pid $(cat "$SUBAGENT_PID"), master socket $AGENTX_SOCKET"
+    pid_alive "$SINK_PID" &&
+        echo "mail sink:         pid $(cat "$SINK_PID"), smtp 127.0.0.1:$SMTP_PORT, messages in $MAIL_DIR/new/"
+    cat <<EOF
 logs and state:    $STATE_DIR
 
 Try:  eval "\$(./run.sh env)"    # names (CALLHOME-MIB) and v3 credentials for net-snmp's tools
