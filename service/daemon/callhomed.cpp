@@ -34,7 +34,11 @@ const char kUsage[] = "usage: callhomed [--socket PATH] [--db PATH] [--pidfile P
                       "  --config FILE   how mail leaves: smtp_security, smtp_user,\n"
                       "                  smtp_password_file, smtp_ca_file, smtp_timeout_s,\n"
                       "                  retry_delays_s (without it: plain SMTP, 30 s time-out,\n"
-                      "                  retries after 30, 120, 600 and 1800 s)\n"
+                      "                  retries after 30, 120, 600 and 1800 s); and\n"
+                      "                  allowed_commands, the absolute paths of the programs\n"
+                      "                  user-defined commands may start (without it: uname,\n"
+                      "                  uptime, df, free, ip, hostname and dpkg-query in\n"
+                      "                  /usr/bin)\n"
                       "  --enable-fault-injection\n"
                       "                  accept callhomectl's fault commands (for tests only)\n"
                       "Only root, this user and members of this user's group may connect.\n"
@@ -67,10 +71,10 @@ int main(int argc, char **argv) {
         std::cerr << "callhomed: bad argument '" << a << "'\n" << kUsage;
         return 2;
     }
-    callhome::config::Delivery delivery;
+    callhome::config::Config conf;
     if (!config_path.empty()) {
         try {
-            delivery = callhome::config::load(config_path);
+            conf = callhome::config::load(config_path);
         } catch (const callhome::config::Error &e) {
             std::cerr << "callhomed: " << e.what() << "\n";
             return 1;
@@ -105,12 +109,12 @@ int main(int argc, char **argv) {
         // A database that can't be opened, created or read stops the daemon here, saying so.
         std::unique_ptr<callhome::Service> service_ptr;
         try {
-            service_ptr = std::make_unique<callhome::Service>(db_path);
+            service_ptr = std::make_unique<callhome::Service>(db_path, conf.allowed_commands);
         } catch (const std::exception &e) {
             throw std::runtime_error("cannot use the database " + db_path + ": " + e.what());
         }
         callhome::Service &service = *service_ptr;
-        callhome::Sender sender(db_path, delivery);
+        callhome::Sender sender(db_path, conf.delivery);
         service.set_outbox_listener([&sender] { sender.wake(); });
         callhome::Server server(service, socket_path);
         server.enable_fault_injection(fault_injection);

@@ -73,12 +73,13 @@ const char *name(Security s) {
     }
 }
 
-Delivery load(const std::string &path) {
+Config load(const std::string &path) {
     std::ifstream in(path);
     if (!in) {
         throw Error(path + ":0: cannot open: " + std::strerror(errno));
     }
-    Delivery d;
+    Config conf;
+    Delivery &d = conf.delivery;
     std::string password_file;
     int password_line = 0;
     std::string raw;
@@ -142,6 +143,27 @@ Delivery load(const std::string &path) {
                 throw fail("retry_delays_s lists more than " + std::to_string(kMaxDelays) +
                            " delays");
             }
+        } else if (key == "allowed_commands") {
+            // Paths hold no blanks (a command line is split on them), so blanks and commas
+            // both separate. Empty: no command runs.
+            std::vector<std::string> paths;
+            std::string item;
+            std::istringstream list(value);
+            while (list >> item) {
+                std::istringstream parts(item);
+                std::string p;
+                while (std::getline(parts, p, ',')) {
+                    if (p.empty()) {
+                        continue;
+                    }
+                    if (p[0] != '/' || p.back() == '/') {
+                        throw fail("allowed_commands lists absolute paths of executables, not '" +
+                                   p + "'");
+                    }
+                    paths.push_back(p);
+                }
+            }
+            conf.allowed_commands = std::move(paths);
         } else {
             throw fail("unknown key '" + key + "'");
         }
@@ -160,7 +182,7 @@ Delivery load(const std::string &path) {
         throw Error(path + ":" + std::to_string(password_line) +
                     ": smtp_password_file given without smtp_user");
     }
-    return d;
+    return conf;
 }
 
 } // namespace callhome::config

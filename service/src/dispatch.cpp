@@ -130,7 +130,9 @@ Dispatcher::Outcome Dispatcher::queue(const std::string &action, const std::stri
     Outcome o;
     const int64_t t = now();
     const auto targets = targets::select(state_, group, severity);
-    const auto lines = targets::commands_of(state_, group);
+    // Only alerts carry the output of their group's commands: run none for anything else.
+    const auto lines = action == message::kAlert ? targets::commands_of(state_, group)
+                                                 : std::vector<std::string>{};
     const std::string host = host_name();
     inventory::Inventory inv;
     if (action == message::kInventory) {
@@ -159,7 +161,7 @@ Dispatcher::Outcome Dispatcher::queue(const std::string &action, const std::stri
         }
         bool throttled = false;
         if (action == message::kAlert && state_.throttling) {
-            const auto d = throttle_.admit(tg.profile, group, t);
+            const auto d = throttle().admit(tg.profile, group, t);
             throttled = d != throttle::Decision::Send;
             if (d == throttle::Decision::ThrottledFirst) {
                 std::cerr << "callhomed: throttling alerts of group " << group << " to profile "
@@ -175,7 +177,6 @@ Dispatcher::Outcome Dispatcher::queue(const std::string &action, const std::stri
         (throttled ? o.throttled : o.queued)++;
         if (!throttled && !lines.empty()) {
             in.commands = nullptr;
-            in.inventory = nullptr; // commands only come with alerts
             pending.push_back({0, in, tg.format, tg.max_size});
         }
         out.push_back(std::move(m));
@@ -217,9 +218,21 @@ void Dispatcher::complete(const commands::Runner::Done &d) {
     pending_.erase(it);
 }
 
+throttle::Throttle &Dispatcher::throttle() {
+    if (!throttle_restored_) {
+        throttle_restored_ = true;
+        // The rolling hour outlives a restart: what was queued in it still counts.
+        for (const auto &[profile, group, when] :
+             storage_.alerts_since(now() - throttle::Throttle::kWindow)) {
+            throttle_.record(profile, group, when);
+        }
+    }
+    return throttle_;
+}
+
 std::map<std::pair<std::string, std::string>, throttle::Throttle::Counter>
 Dispatcher::throttle_counters() {
-    return throttle_.counters(now());
+    return throttle().counters(now());
 }
 
 } // namespace callhome

@@ -72,11 +72,15 @@ class Dispatcher {
                   const std::string &subject, const std::string &text,
                   const schedule::State *sched);
     void complete(const commands::Runner::Done &d);
+    // The throttle, its window rebuilt from the outbox on first use (the clock may be set
+    // after construction).
+    throttle::Throttle &throttle();
 
     State &state_;
     Storage &storage_;
     Clock clock_;
     throttle::Throttle throttle_;
+    bool throttle_restored_ = false;
     schedule::State sched_;
     bool restored_ = false;
     commands::Runner runner_;

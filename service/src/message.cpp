@@ -20,6 +20,15 @@ namespace {
 
 using xml::escape;
 
+// The service keeps the priority from 0 ("0" to "7"); the MIB shows it from 1 and reads 8
+// while it was never set. Messages show what the MIB shows.
+std::string priority(const std::string &stored) {
+    if (stored.size() != 1 || stored[0] < '0' || stored[0] > '7') {
+        return "8";
+    }
+    return std::string(1, char(stored[0] + 1));
+}
+
 // The labelled fields every message carries, in the order they are shown.
 std::vector<std::pair<std::string, std::string>> fields(const Input &in) {
     auto get = [&](const char *name) {
@@ -43,7 +52,7 @@ std::vector<std::pair<std::string, std::string>> fields(const Input &in) {
                           {"Contact e-mail", get("sysContactEmail")},
                           {"Contact phone", get("sysContactPhoneNumber")},
                           {"Street address", get("sysStreetAddress")},
-                          {"Service priority", get("priority")},
+                          {"Service priority", priority(get("priority"))},
                       });
     return f;
 }

@@ -17,8 +17,8 @@
 namespace callhome {
 
 struct Service::Impl {
-    explicit Impl(const std::string &path)
-        : storage(path, state), dispatcher(state, storage, commands::default_allowed()),
+    Impl(const std::string &path, std::vector<std::string> allowed)
+        : storage(path, state), dispatcher(state, storage, std::move(allowed)),
           channel(state, storage), admin(state, storage, faults, dispatcher) {}
 
     State state; // before storage, which loads it
@@ -31,7 +31,10 @@ struct Service::Impl {
     std::pair<int, std::string> smtp_server(const std::string &host, uint32_t port);
 };
 
-Service::Service(const std::string &db_path) : impl_(std::make_unique<Impl>(db_path)) {}
+Service::Service(const std::string &db_path,
+                 std::optional<std::vector<std::string>> allowed_commands)
+    : impl_(std::make_unique<Impl>(db_path, allowed_commands ? std::move(*allowed_commands)
+                                                             : commands::default_allowed())) {}
 
 Service::~Service() = default;
 

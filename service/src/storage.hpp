@@ -11,6 +11,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <string_view>
 #include <vector>
 
@@ -91,6 +92,9 @@ class Storage {
     void release_composing();
     void put_schedule(const schedule::State &sched);
     std::optional<schedule::State> schedule_state();
+    // The alerts queued for delivery (not throttled) after `since`, oldest first: (profile,
+    // alert group, time queued). They rebuild the throttling window after a restart.
+    std::vector<std::tuple<std::string, std::string, int64_t>> alerts_since(int64_t since);
 
   private:
     void create_schema();

@@ -95,4 +95,14 @@ std::optional<schedule::State> Storage::schedule_state() {
     return s;
 }
 
+std::vector<std::tuple<std::string, std::string, int64_t>> Storage::alerts_since(int64_t since) {
+    // Only alerts carry a severity (1 to 10); Test and Inventory messages carry 0.
+    std::vector<std::tuple<std::string, std::string, int64_t>> out;
+    db_.query("SELECT profile, alert_group, created_sec FROM outbox WHERE severity > 0 AND "
+              "state != 'throttled' AND created_sec > ? ORDER BY created_sec, id",
+              {since},
+              [&](const db::Row &r) { out.emplace_back(r.text(0), r.text(1), r.integer(2)); });
+    return out;
+}
+
 } // namespace callhome

@@ -22,6 +22,7 @@
 
 #include "callhome/config.hpp"
 #include "cmi.h"
+#include "commands.hpp"
 #include "platform/testing.hpp"
 #include "records.hpp"
 #include "smtp.hpp"
@@ -412,6 +413,9 @@ TEST(DeliveryConfig, BadFilesAreRefusedWithFileLineAndReason) {
         {"smtp_user = u\nsmtp_password_file = " + dir + "/open\n", ":2: smtp_password_file"},
         {"smtp_password_file = " + pw + "\n", ":1: smtp_password_file given without smtp_user"},
         {"smtp_ca_file = " + dir + "/none\n", ":1: smtp_ca_file"},
+        {"allowed_commands =\n", ""}, // no command runs
+        {"allowed_commands = /usr/bin/uname, uptime\n", ":1: allowed_commands lists absolute"},
+        {"allowed_commands = /usr/bin/\n", ":1: allowed_commands lists absolute"},
     };
     for (const auto &c : cases) {
         spit(path, c.text);
@@ -424,8 +428,14 @@ TEST(DeliveryConfig, BadFilesAreRefusedWithFileLineAndReason) {
             EXPECT_FALSE(contains(e.what(), "secret"));
         }
     }
-    // The shipped example holds the defaults.
-    const auto d = callhome::config::load(PACKAGED_CONFIG);
+    spit(path, "allowed_commands = /usr/bin/uname,/usr/sbin/ss  /bin/ls,\n");
+    EXPECT_EQ((std::vector<std::string>{"/usr/bin/uname", "/usr/sbin/ss", "/bin/ls"}),
+              callhome::config::load(path).allowed_commands);
+    // The shipped example holds the defaults, the commented list too.
+    std::string shipped = slurp(PACKAGED_CONFIG);
+    spit(path, shipped.replace(shipped.find("#allowed_commands"), 1, ""));
+    EXPECT_EQ(callhome::commands::default_allowed(), callhome::config::load(path).allowed_commands);
+    const auto d = callhome::config::load(PACKAGED_CONFIG).delivery;
     EXPECT_EQ(callhome::config::Security::None, d.security);
     EXPECT_EQ(30, d.timeout_s);
     EXPECT_EQ((std::vector<int>{30, 120, 600, 1800}), d.retry_delays_s);

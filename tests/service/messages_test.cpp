@@ -134,7 +134,7 @@ TEST(Message, AlertCarriesCommandsInEachFormat) {
     cmds[0].output = "Linux <box>\x01\n";
     cmds[1].line = "rm -rf /tmp/x";
     cmds[1].note = "not run: rm is not in allowed_commands";
-    message::Input in{message::kAlert, {}, 0, "h", "p"};
+    message::Input in{message::kAlert, {{"priority", "2"}}, 0, "h", "p"};
     in.group = "Diagnostic";
     in.severity = 3;
     in.subject = "disk";
@@ -143,6 +143,11 @@ TEST(Message, AlertCarriesCommandsInEachFormat) {
     const auto full = message::compose(in, message::FullText, 0);
     EXPECT_EQ("Call home alert Diagnostic (severity 3) from h: disk", full.subject);
     EXPECT_NE(std::string::npos, full.body.find("\n--- uname -a (exit status 0)\nLinux <box>"));
+    // The priority as the MIB reads it: kept from 0, shown from 1; 8 while never set.
+    EXPECT_NE(std::string::npos, full.body.find("\nService priority: 3\n"));
+    EXPECT_NE(std::string::npos,
+              message::compose({message::kTest, {}, 0, "h", "p"}, message::FullText, 0)
+                  .body.find("\nService priority: 8\n"));
     EXPECT_NE(std::string::npos,
               full.body.find("--- rm -rf /tmp/x (not run: rm is not in allowed_commands)"));
     const auto xml = message::compose(in, message::Xml, 0).body;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,8 +29,10 @@ struct FaultAction {
 class Service {
   public:
     // ":memory:" keeps everything in memory (tests). Throws std::runtime_error when the
-    // database can't be opened, created or read.
-    explicit Service(const std::string &db_path);
+    // database can't be opened, created or read. `allowed_commands`: the executables the
+    // user-defined commands may start (the configuration's key; unset: the built-in list).
+    explicit Service(const std::string &db_path,
+                     std::optional<std::vector<std::string>> allowed_commands = std::nullopt);
     ~Service();
     Service(const Service &) = delete;
     Service &operator=(const Service &) = delete;
