@@ -128,6 +128,23 @@ int send_row_read(const char *fn, int opcode, int &msg_type, int get_for_set, co
     return status;
 }
 
+/* Sends the row read of `row` (host order) and, when the service answers with a row, puts
+ * that row in its place; `row` is in host order again after, whatever the answer. */
+template <class Row>
+bool read_row(const char *fn, int opcode, int &msg_type, int get_for_set, Row *row,
+              void (*swap)(Row *), int *status) {
+    swap(row);
+    CmiAnswer answer;
+    *status = send_row_read(fn, opcode, msg_type, get_for_set, row, sizeof *row, answer);
+    const bool found = *status == 0 && answer.record != nullptr;
+    if (found) {
+        answer.copy_to(row, sizeof *row);
+    }
+    answer.release();
+    swap(row); /* the swap is its own inverse */
+    return found;
+}
+
 /* ---- OIDs ------------------------------------------------------------------------------ */
 
 /* Arcs a row index may add after its column: a text index is a length arc and up to 31
@@ -237,14 +254,9 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
                    __func__, type_text(msg_type), entry->destination_profile_id);
 
     entry->request_flag = 0;
-    callHomeDestProfileEntry_hton(entry);
-    CmiAnswer answer;
-    const int status = send_row_read(__func__, CALLHOME_DEST_PROFILE_OPC, msg_type, get_for_set,
-                                     entry, sizeof *entry, answer);
-
-    if (status == 0 && answer.record != nullptr) {
-        take_answer(entry, sizeof *entry, answer);
-        callHomeDestProfileEntry_ntoh(entry);
+    int status = 0;
+    if (read_row(__func__, CALLHOME_DEST_PROFILE_OPC, msg_type, get_for_set, entry,
+                 callHomeDestProfileEntry_hton, &status)) {
         callhome_terminate(entry->destination_profile_id);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd rsp for %s req : destination_profile_id = %s, transport_method "
@@ -260,8 +272,6 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
 
     /* Also for a success without a record: the trace is written and 0 returned, with the
      * key left in the record and the request's OID untouched. */
-    answer.release();
-    callHomeDestProfileEntry_ntoh(entry);
     callhome_trace(
         CALLHOME_TRACE_ERROR, "%s : Req  %s failed for for destination_profile_id = %s: %s\n",
         __func__, type_text(msg_type), entry->destination_profile_id, callhome_status_text(status));
@@ -406,14 +416,9 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
                    type_text(msg_type), entry->destination_profile_id, entry->index);
 
     entry->commit_flag = 0;
-    callHomeDestEmailAddressEntry_hton(entry);
-    CmiAnswer answer;
-    const int status = send_row_read(__func__, CALLHOME_DEST_EMAIL_OPC, msg_type, get_for_set,
-                                     entry, sizeof *entry, answer);
-
-    if (status == 0 && answer.record != nullptr) {
-        take_answer(entry, sizeof *entry, answer);
-        callHomeDestEmailAddressEntry_ntoh(entry);
+    int status = 0;
+    if (read_row(__func__, CALLHOME_DEST_EMAIL_OPC, msg_type, get_for_set, entry,
+                 callHomeDestEmailAddressEntry_hton, &status)) {
         callhome_terminate(entry->destination_profile_id);
         callhome_terminate(entry->email_addr);
         callhome_trace(CALLHOME_TRACE_INFO,
@@ -428,8 +433,6 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
         return 0;
     }
 
-    answer.release();
-    callHomeDestEmailAddressEntry_ntoh(entry);
     callhome_trace(CALLHOME_TRACE_ERROR,
                    "%s : Req  %s failed for destination_profile_id = %s, index = %d: %s\n",
                    __func__, type_text(msg_type), entry->destination_profile_id, entry->index,
@@ -658,15 +661,10 @@ int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, si
 
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending GETNEXT_REQ for type_index = %d ", __func__,
                    static_cast<int>(record->index));
-    callhome_alertgroup_type_t wire = *record;
-    callhome_alertgroup_type_hton(&wire);
-    CmiAnswer answer;
-    const int status = table_request(CALLHOME_ALERTGROUP_TYPE_OPC, exact ? GET_REQ : GETNEXT_REQ,
-                                     &wire, sizeof wire, answer);
-
-    if (status == 0 && answer.record != nullptr) {
-        take_answer(record, sizeof *record, answer);
-        callhome_alertgroup_type_ntoh(record);
+    int msg_type = exact ? GET_REQ : GETNEXT_REQ;
+    int status = 0;
+    if (read_row(__func__, CALLHOME_ALERTGROUP_TYPE_OPC, msg_type, 0, record,
+                 callhome_alertgroup_type_hton, &status)) {
         callhome_terminate(record->grp_name);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd  resp for %s req : index = %d, grp_name = %s \n", __func__,
@@ -677,7 +675,6 @@ int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, si
         return 0;
     }
 
-    answer.release();
     callhome_trace(CALLHOME_TRACE_ERROR, "%s : Req  GET/GETNEXT failed for type_index = %d, : %s\n",
                    __func__, static_cast<int>(record->index), callhome_status_text(status));
     return status != 0 ? status : -1;
@@ -791,15 +788,10 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
     request.index = row->index;
     callhome_copy_text(request.alertgroup_type, row->alertgroup_name);
     request.request_flag = 0;
-    cmi_userdef_cli_cmd_hton(&request);
-    CmiAnswer answer;
-    const int status = send_row_read(__func__, CALLHOME_USER_DEF_CMD_OPC, msg_type, get_for_set,
-                                     &request, sizeof request, answer);
-
-    const bool found = status == 0 && answer.record != nullptr;
+    int status = 0;
+    const bool found = read_row(__func__, CALLHOME_USER_DEF_CMD_OPC, msg_type, get_for_set,
+                                &request, cmi_userdef_cli_cmd_hton, &status);
     if (found) {
-        take_answer(&request, sizeof request, answer);
-        cmi_userdef_cli_cmd_ntoh(&request);
         callhome_terminate(request.alertgroup_type);
         callhome_terminate(request.cli_cmd);
         callhome_trace(
@@ -819,8 +811,6 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
                 callhome_copy_text(row->alertgroup_name, request.alertgroup_type);
             }
         }
-    } else {
-        answer.release();
     }
 
     /* The OID names the indexes tried even when the request failed. */
