@@ -145,6 +145,15 @@ bool read_row(const char *fn, int opcode, int &msg_type, int get_for_set, Row *r
     return found;
 }
 
+/* A column's value as the agent takes it: `size` bytes at `field`, or a text up to its NUL. */
+u_char *column_value(void *field, size_t size, size_t *var_len) {
+    *var_len = size;
+    return static_cast<u_char *>(field);
+}
+template <size_t N> u_char *text_column(char (&field)[N], size_t *var_len) {
+    return column_value(field, strnlen(field, N), var_len);
+}
+
 /* ---- OIDs ------------------------------------------------------------------------------ */
 
 /* Arcs a row index may add after its column: a text index is a length arc and up to 31
@@ -311,8 +320,7 @@ u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name, size_t *len
             return nullptr;
         }
         std::memcpy(profile_alertgroups, mibAlertGroup.bitset, sizeof profile_alertgroups);
-        *var_len = sizeof profile_alertgroups;
-        return profile_alertgroups;
+        return column_value(profile_alertgroups, sizeof profile_alertgroups, var_len);
     }
 
     const int rc = header_callHomeDestProfileEntry(vp->name, vp->namelen, name, length, exact,
@@ -325,15 +333,13 @@ u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name, size_t *len
     auto *record = reinterpret_cast<u_char *>(&callHomeDestProfileEntry);
     for (const ProfileField &field : kProfileFields) {
         if (field.magic == vp->magic) {
-            *var_len = sizeof(int32_t);
-            return record + field.offset;
+            return column_value(record + field.offset, sizeof(int32_t), var_len);
         }
     }
     if (vp->magic == CALLHOMEDESTPROFILEMSGLEVEL) {
         /* The service stores the level one lower than the MIB shows it. */
         profile_msg_level = callHomeDestProfileEntry.msg_level + 1;
-        *var_len = sizeof profile_msg_level;
-        return reinterpret_cast<u_char *>(&profile_msg_level);
+        return column_value(&profile_msg_level, sizeof profile_msg_level, var_len);
     }
     snmp_set_detail("");
     return nullptr;
@@ -450,12 +456,10 @@ u_char *get_callHomeDestEmailAddressTable(struct variable *vp, oid *name, size_t
     }
     switch (vp->magic) {
     case CALLHOMEDESTEMAILADDRESS:
-        *var_len = strnlen(callHomeDestEmailAddressEntry.email_addr,
-                           sizeof callHomeDestEmailAddressEntry.email_addr);
-        return reinterpret_cast<u_char *>(callHomeDestEmailAddressEntry.email_addr);
+        return text_column(callHomeDestEmailAddressEntry.email_addr, var_len);
     case CALLHOMEDESTEMAILADDRESSSTATUS:
-        *var_len = sizeof callHomeDestEmailAddressEntry.row_status;
-        return reinterpret_cast<u_char *>(&callHomeDestEmailAddressEntry.row_status);
+        return column_value(&callHomeDestEmailAddressEntry.row_status,
+                            sizeof callHomeDestEmailAddressEntry.row_status, var_len);
     default:
         snmp_set_detail("");
         return nullptr;
@@ -690,8 +694,7 @@ u_char *get_callHomeAlertGroupTypeTable(struct variable *vp, oid *name, size_t *
         snmp_set_detail("");
         return nullptr;
     }
-    *var_len = strnlen(alertgroup_type.grp_name, sizeof alertgroup_type.grp_name);
-    return reinterpret_cast<u_char *>(alertgroup_type.grp_name);
+    return text_column(alertgroup_type.grp_name, var_len);
 }
 
 /* ---- User-defined command table -------------------------------------------------------- */
@@ -840,12 +843,10 @@ u_char *get_callHomeUserDefCmdTable(struct variable *vp, oid *name, size_t *leng
     }
     switch (vp->magic) {
     case CALLHOMEUSERDEFCLICMD:
-        *var_len =
-            strnlen(callHomeUserDefCliCmdEntry.cli_cmd, sizeof callHomeUserDefCliCmdEntry.cli_cmd);
-        return reinterpret_cast<u_char *>(callHomeUserDefCliCmdEntry.cli_cmd);
+        return text_column(callHomeUserDefCliCmdEntry.cli_cmd, var_len);
     case CALLHOMEUSERDEFCLICMDSTATUS:
-        *var_len = sizeof callHomeUserDefCliCmdEntry.row_status;
-        return reinterpret_cast<u_char *>(&callHomeUserDefCliCmdEntry.row_status);
+        return column_value(&callHomeUserDefCliCmdEntry.row_status,
+                            sizeof callHomeUserDefCliCmdEntry.row_status, var_len);
     default:
         snmp_set_detail("");
         return nullptr;
