@@ -154,6 +154,26 @@ template <size_t N> u_char *text_column(char (&field)[N], size_t *var_len) {
     return column_value(field, strnlen(field, N), var_len);
 }
 
+/* The value of a column of the address or command table, which have one text column and the
+ * RowStatus; `rc` is the header function's answer. */
+template <class Entry, size_t N>
+u_char *text_or_status(const struct variable *vp, int rc, WriteMethod **write_method,
+                       size_t *var_len, Entry &entry, u_char text_magic, char (Entry::*text)[N],
+                       u_char status_magic) {
+    set_table_set_methods(vp->magic, write_method);
+    if (rc != 0) {
+        return nullptr;
+    }
+    if (vp->magic == text_magic) {
+        return text_column(entry.*text, var_len);
+    }
+    if (vp->magic == status_magic) {
+        return column_value(&entry.row_status, sizeof entry.row_status, var_len);
+    }
+    snmp_set_detail("");
+    return nullptr;
+}
+
 /* ---- OIDs ------------------------------------------------------------------------------ */
 
 /* Arcs a row index may add after its column: a text index is a length arc and up to 31
@@ -450,20 +470,9 @@ u_char *get_callHomeDestEmailAddressTable(struct variable *vp, oid *name, size_t
                                           size_t *var_len, WriteMethod **write_method) {
     const int rc = header_callHomeDestEmailAddressEntry(vp->name, vp->namelen, name, length, exact,
                                                         &callHomeDestEmailAddressEntry, 0);
-    set_table_set_methods(vp->magic, write_method);
-    if (rc != 0) {
-        return nullptr;
-    }
-    switch (vp->magic) {
-    case CALLHOMEDESTEMAILADDRESS:
-        return text_column(callHomeDestEmailAddressEntry.email_addr, var_len);
-    case CALLHOMEDESTEMAILADDRESSSTATUS:
-        return column_value(&callHomeDestEmailAddressEntry.row_status,
-                            sizeof callHomeDestEmailAddressEntry.row_status, var_len);
-    default:
-        snmp_set_detail("");
-        return nullptr;
-    }
+    return text_or_status(vp, rc, write_method, var_len, callHomeDestEmailAddressEntry,
+                          CALLHOMEDESTEMAILADDRESS, &callHomeDestEmailAddressEntry_t::email_addr,
+                          CALLHOMEDESTEMAILADDRESSSTATUS);
 }
 
 /* ---- A profile's alert groups ---------------------------------------------------------- */
@@ -837,20 +846,9 @@ u_char *get_callHomeUserDefCmdTable(struct variable *vp, oid *name, size_t *leng
     callhome_trace(CALLHOME_TRACE_INFO, "%s : GET req for %d \n", __func__, vp->magic);
     const int rc = header_callHomeUserDefCliCmdEntry(vp->name, vp->namelen, name, length, exact,
                                                      &callHomeUserDefCliCmdEntry, 0);
-    set_table_set_methods(vp->magic, write_method);
-    if (rc != 0) {
-        return nullptr;
-    }
-    switch (vp->magic) {
-    case CALLHOMEUSERDEFCLICMD:
-        return text_column(callHomeUserDefCliCmdEntry.cli_cmd, var_len);
-    case CALLHOMEUSERDEFCLICMDSTATUS:
-        return column_value(&callHomeUserDefCliCmdEntry.row_status,
-                            sizeof callHomeUserDefCliCmdEntry.row_status, var_len);
-    default:
-        snmp_set_detail("");
-        return nullptr;
-    }
+    return text_or_status(vp, rc, write_method, var_len, callHomeUserDefCliCmdEntry,
+                          CALLHOMEUSERDEFCLICMD, &callHomeUserDefCliCmdEntry_t::cli_cmd,
+                          CALLHOMEUSERDEFCLICMDSTATUS);
 }
 
 } /* extern "C" */
