@@ -77,22 +77,22 @@ struct Trace {
 /* Every line the RowStatus machine of one table traces. The texts, spelling included, are
  * what operators and their tools know from this module: keep them as they are. Lines about a
  * row get the handler's name and the table's row fields (Table::trace_row); the others the
- * handler's name alone. */
+ * handler's name alone. A line with a text here is the one most tables trace; {} traces none. */
 struct RowStatusTexts {
     Trace phase[UNDO + 1]; /* first line of each phase */
     Trace wrong_type;
     Trace wrong_length;
-    Trace bad_value;
-    Trace row_exists;
+    Trace bad_value = {"%s : RESERVE1 - inconsistent value \n"};
+    Trace row_exists = {"%s : RESERVE1 -- inconsistent value \n"};
     Trace undo_malloc_failed;
     Trace undo_added;      /* row */
     Trace undo_add_failed; /* row */
-    Trace malloc_failed;
+    Trace malloc_failed = {"%s : Malloc for entry failed\n", CALLHOME_TRACE_ERROR};
     Trace added;      /* row */
     Trace add_failed; /* row */
-    Trace reserve1_done;
-    Trace reserve2_done;
-    Trace action_unknown;
+    Trace reserve1_done = {"%s : RESERVE1 -- done \n"};
+    Trace reserve2_done = {"%s : RESERVE2 -- done \n"};
+    Trace action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"};
     Trace action_new_row;
     Trace retrieved; /* row */
     Trace before_undo_remove;
@@ -105,6 +105,15 @@ void trace(const Trace &t, const char *fn) {
     if (t.text != nullptr) {
         callhome_trace(t.level, t.text, fn);
     }
+}
+
+/* ACTION's re-read of the row failed otherwise than with "unknown entry": the service's
+ * text goes to the manager. */
+int report_read_failure(const char *fn, int status) {
+    callhome_trace(CALLHOME_TRACE_INFO,
+                   "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
+    callhome_report_error(status);
+    return to_snmp_error_code(status);
 }
 
 /* ---- Destination profile table ------------------------------------------------------- */
@@ -154,19 +163,13 @@ struct ProfileTable {
         .phase = {{}, {}, {}, {}, {"%s : In FREE:\n"}, {}},
         .wrong_type = {"%s : RESERVE1 - callHomeDestProfileStatus not ASN_INTEGER \n"},
         .wrong_length = {"%s : RESERVE1 - callHomeDestProfileStatus: bad length \n"},
-        .bad_value = {"%s : RESERVE1 - inconsistent value \n"},
-        .row_exists = {"%s : RESERVE1 -- inconsistent value \n"},
         .undo_malloc_failed = {},
         .undo_added = {"%s : RESERVE1 -- index object undo list added \n"},
         .undo_add_failed = {"%s : RESERVE1 -- index object undo list add failed \n"},
-        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
         .added = {"%s : Added entry (profile = %s ) to callHomeDestProfileEntry_list\n"},
         .add_failed = {"%s : Adding to entry (profile = %s )to callHomeDestProfileEntry_list "
                        "failed\n",
                        kError},
-        .reserve1_done = {"%s : RESERVE1 -- done \n"},
-        .reserve2_done = {"%s : RESERVE2 -- done \n"},
-        .action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"},
         .action_new_row = {"%s : ACTION -- setting default value \n"},
         .retrieved = {"%s : Retrieve  entry (profile = %s ),from callHomeDestProfileEntry_list\n"},
         .before_undo_remove = {},
@@ -216,12 +219,7 @@ struct ProfileTable {
         return SNMP_ERR_NOERROR;
     }
 
-    static int read_failed(const char *fn, int status) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
-        callhome_report_error(status);
-        return to_snmp_error_code(status);
-    }
+    static constexpr auto read_failed = report_read_failure;
     /* A row created without a size gets the default size of its format. */
     static int complete_new_row(const char *fn, Row &row, bool) {
         if (row.maximum_message_size == 0) {
@@ -316,7 +314,6 @@ struct EmailTable {
         .undo_add_failed = {"%s : Adding to entry (profile = %s,  index= %d)to "
                             "callHomeDestEmailAddressEntry_undo_list failed\n",
                             kError},
-        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
         .added = {"%s : Added entry (profile = %s,  index= %d) to "
                   "callHomeDestEmailAddressEntry_list\n"},
         .add_failed = {"%s : Adding to entry (profile = %s,  index= %d)to "
@@ -459,19 +456,13 @@ struct UserCmdTable {
             {{}, {}, {}, {"%s : From Commit \n"}, {"%s : In FREE:\n"}, {"%s : from UNDO -- \n"}},
         .wrong_type = {"%s : RESERVE1 - callHomeUsrDefCmdStatus not ASN_INTEGER\n"},
         .wrong_length = {"%s : RESERVE1 - callHomeUsrDefCmdStatus: bad length\n"},
-        .bad_value = {"%s : RESERVE1 - inconsistent value \n"},
-        .row_exists = {"%s : RESERVE1 -- inconsistent value \n"},
         .undo_malloc_failed = {},
         .undo_added = {"%s : RESERVE1 -- index object undo list added\n"},
         .undo_add_failed = {"%s : RESERVE1 -- index object undo list add failed\n"},
-        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
         .added = {"%s : Added entry (index = %d, %d ) to callHomeUserDefCliCmd_list\n"},
         .add_failed = {"%s : Adding to entry (index = %d, %d )to callHomeUsrDefCliCmd_list "
                        "failed\n",
                        kError},
-        .reserve1_done = {"%s : RESERVE1 -- done \n"},
-        .reserve2_done = {"%s : RESERVE2 -- done \n"},
-        .action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"},
         .action_new_row = {},
         .retrieved = {"%s : Retrieve  entry (id = %d,%d ),from callHomeUsrDefCmd_list\n"},
         .before_undo_remove = {"%s : before indx_obj undo_list remove \n"},
@@ -495,12 +486,7 @@ struct UserCmdTable {
         return SNMP_ERR_NOERROR;
     }
 
-    static int read_failed(const char *fn, int status) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
-        callhome_report_error(status);
-        return to_snmp_error_code(status);
-    }
+    static constexpr auto read_failed = report_read_failure;
     /* A command row is created only together with its command. */
     static int complete_new_row(const char *fn, Row &row, bool listed) {
         if (!listed || row.cli_cmd[0] == '\0') {
