@@ -126,7 +126,45 @@ struct ProfileRows {
     }
 };
 
-// The child rows of a profile, ordered by profile, then by their own index.
+// The child rows of a profile (its addresses, its alert groups), ordered by profile, then by
+// their own index; `children` picks the profile's rows of one table.
+template <class Children>
+using ChildRow = std::pair<Profiles::iterator, typename Children::iterator>;
+
+// The profile of key (profile, child) when it has that child.
+template <class Children, class Key>
+Profile *profile_with(Profiles &profiles, Children Profile::*children, const Key &k) {
+    const auto p = profiles.find(k.first);
+    return p != profiles.end() && (p->second.*children).count(k.second) ? &p->second : nullptr;
+}
+
+// The first child row after the key.
+template <class Children, class Key>
+std::optional<ChildRow<Children>> next_child(Profiles &profiles, Children Profile::*children,
+                                             const Key &k) {
+    for (auto p = profiles.lower_bound(k.first); p != profiles.end(); ++p) {
+        auto &rows = p->second.*children;
+        const auto c = p->first == k.first ? rows.upper_bound(k.second) : rows.begin();
+        if (c != rows.end()) {
+            return ChildRow<Children>{p, c};
+        }
+    }
+    return std::nullopt;
+}
+
+// Removes the child row of the key from the store and from its profile.
+template <class Children, class Key, class Child>
+int32_t erase_child(Profiles &profiles, Children Profile::*children, const Key &k, Storage &storage,
+                    void (Storage::*erase_stored)(const std::string &, Child)) {
+    Profile *p = profile_with(profiles, children, k);
+    if (p == nullptr) {
+        return CALLHOME_UNKNOWN_ENTRY;
+    }
+    (storage.*erase_stored)(k.first, k.second);
+    (p->*children).erase(k.second);
+    return CALLHOME_SUCCESS;
+}
+
 struct AddressRows {
     using Record = callHomeDestEmailAddressEntry;
     using Key = std::pair<std::string, int32_t>; // (profile, index)
@@ -145,25 +183,13 @@ struct AddressRows {
         return out;
     }
     std::optional<Record> find(const Key &k) const {
-        const auto p = state.profiles.find(k.first);
-        if (p == state.profiles.end()) {
-            return std::nullopt;
-        }
-        const auto e = p->second.emails.find(k.second);
-        if (e == p->second.emails.end()) {
-            return std::nullopt;
-        }
-        return row(p->first, e->first, e->second);
+        const Profile *p = profile_with(state.profiles, &Profile::emails, k);
+        return p ? std::optional(row(k.first, k.second, p->emails.at(k.second))) : std::nullopt;
     }
     std::optional<Record> next(const Key &k) const {
-        for (auto p = state.profiles.lower_bound(k.first); p != state.profiles.end(); ++p) {
-            const auto &emails = p->second.emails;
-            const auto e = p->first == k.first ? emails.upper_bound(k.second) : emails.begin();
-            if (e != emails.end()) {
-                return row(p->first, e->first, e->second);
-            }
-        }
-        return std::nullopt;
+        const auto c = next_child(state.profiles, &Profile::emails, k);
+        return c ? std::optional(row(c->first->first, c->second->first, c->second->second))
+                 : std::nullopt;
     }
     int32_t set(const Key &k, const Record &rec) {
         const std::string addr = FIELD(rec, email_addr);
@@ -186,13 +212,7 @@ struct AddressRows {
         return CALLHOME_SUCCESS;
     }
     int32_t erase(const Key &k) {
-        const auto p = state.profiles.find(k.first);
-        if (p == state.profiles.end() || !p->second.emails.count(k.second)) {
-            return CALLHOME_UNKNOWN_ENTRY;
-        }
-        storage.erase_address(k.first, k.second);
-        p->second.emails.erase(k.second);
-        return CALLHOME_SUCCESS;
+        return erase_child(state.profiles, &Profile::emails, k, storage, &Storage::erase_address);
     }
 };
 
@@ -213,21 +233,13 @@ struct GroupRows {
         return out;
     }
     std::optional<Record> find(const Key &k) const {
-        const auto p = state.profiles.find(k.first);
-        if (p == state.profiles.end() || !p->second.groups.count(k.second)) {
-            return std::nullopt;
-        }
-        return row(k.first, k.second);
+        return profile_with(state.profiles, &Profile::groups, k)
+                   ? std::optional(row(k.first, k.second))
+                   : std::nullopt;
     }
     std::optional<Record> next(const Key &k) const {
-        for (auto p = state.profiles.lower_bound(k.first); p != state.profiles.end(); ++p) {
-            const auto &groups = p->second.groups;
-            const auto g = p->first == k.first ? groups.upper_bound(k.second) : groups.begin();
-            if (g != groups.end()) {
-                return row(p->first, *g);
-            }
-        }
-        return std::nullopt;
+        const auto c = next_child(state.profiles, &Profile::groups, k);
+        return c ? std::optional(row(c->first->first, *c->second)) : std::nullopt;
     }
     int32_t set(const Key &k, const Record &) {
         const auto &[profile, group] = k;
@@ -254,13 +266,7 @@ struct GroupRows {
         return CALLHOME_SUCCESS;
     }
     int32_t erase(const Key &k) {
-        const auto p = state.profiles.find(k.first);
-        if (p == state.profiles.end() || !p->second.groups.count(k.second)) {
-            return CALLHOME_UNKNOWN_ENTRY;
-        }
-        storage.erase_group(k.first, k.second);
-        p->second.groups.erase(k.second);
-        return CALLHOME_SUCCESS;
+        return erase_child(state.profiles, &Profile::groups, k, storage, &Storage::erase_group);
     }
 };
 

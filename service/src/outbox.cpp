@@ -34,19 +34,22 @@ Entry entry(const db::Row &r) {
     return e;
 }
 
+// Where the settings table keeps the status: its numbers, then the reason.
+constexpr std::pair<const char *, uint32_t Status::*> kStatusNumbers[] = {
+    {"status.sec", &Status::sec},
+    {"status.usec", &Status::usec},
+    {"status.sent", &Status::sent},
+    {"status.message_status", &Status::message_status},
+    {"status.error_code", &Status::error_code},
+};
+constexpr const char *kStatusReason = "status.error_message";
+
 void write_status(db::Database &db, const Status &s) {
-    const std::pair<const char *, db::Value> values[] = {
-        {"status.sec", int64_t(s.sec)},
-        {"status.usec", int64_t(s.usec)},
-        {"status.sent", int64_t(s.sent)},
-        {"status.message_status", int64_t(s.message_status)},
-        {"status.error_code", int64_t(s.error_code)},
-        {"status.error_message", s.error_message},
-    };
-    for (const auto &[key, value] : values) {
-        db.exec("INSERT OR REPLACE INTO settings(key, value) VALUES(?, ?)",
-                {std::string(key), value});
+    constexpr const char *kPut = "INSERT OR REPLACE INTO settings(key, value) VALUES(?, ?)";
+    for (const auto &[key, field] : kStatusNumbers) {
+        db.exec(kPut, {std::string(key), int64_t(s.*field)});
     }
+    db.exec(kPut, {std::string(kStatusReason), s.error_message});
 }
 
 std::string message_id(int64_t sec, const std::string &host) {
@@ -107,21 +110,14 @@ Status read_status(db::Database &db) {
     db.query("SELECT key, value FROM settings WHERE key LIKE 'status.%'", {},
              [&](const db::Row &r) {
                  const std::string key = r.text(0);
-                 if (key == "status.error_message") {
+                 if (key == kStatusReason) {
                      s.error_message = r.text(1);
                      return;
                  }
-                 const auto v = uint32_t(r.integer(1));
-                 if (key == "status.sec") {
-                     s.sec = v;
-                 } else if (key == "status.usec") {
-                     s.usec = v;
-                 } else if (key == "status.sent") {
-                     s.sent = v;
-                 } else if (key == "status.message_status") {
-                     s.message_status = v;
-                 } else if (key == "status.error_code") {
-                     s.error_code = v;
+                 for (const auto &[name, field] : kStatusNumbers) {
+                     if (key == name) {
+                         s.*field = uint32_t(r.integer(1));
+                     }
                  }
              });
     return s;

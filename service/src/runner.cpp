@@ -11,8 +11,8 @@ namespace callhome::commands {
 
 Runner::Runner(std::vector<std::string> allowed, Limits limits)
     : allowed_(std::move(allowed)), limits_(limits) {
-    event_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (event_fd_ < 0) {
+    event_fd_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!event_fd_) {
         throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
     }
     thread_ = std::thread([this] { work(); });
@@ -25,7 +25,6 @@ Runner::~Runner() {
     }
     cv_.notify_all();
     thread_.join();
-    ::close(event_fd_);
 }
 
 void Runner::submit(Job job) {
@@ -38,7 +37,7 @@ void Runner::submit(Job job) {
 
 std::vector<Runner::Done> Runner::take() {
     uint64_t n;
-    while (read(event_fd_, &n, sizeof n) < 0 && errno == EINTR) {
+    while (read(event_fd_.get(), &n, sizeof n) < 0 && errno == EINTR) {
     }
     std::lock_guard<std::mutex> lock(mu_);
     std::vector<Done> out;
@@ -70,7 +69,7 @@ void Runner::work() {
         --running_;
         done_.push_back(std::move(d));
         const uint64_t one = 1;
-        while (write(event_fd_, &one, sizeof one) < 0 && errno == EINTR) {
+        while (write(event_fd_.get(), &one, sizeof one) < 0 && errno == EINTR) {
         }
     }
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "commands.hpp"
+#include "posix/unique_fd.hpp"
 
 namespace callhome::commands {
 
@@ -32,7 +33,7 @@ class Runner {
 
     void submit(Job job);
     // Readable while finished jobs wait to be taken (an eventfd for the event loop's poll).
-    int fd() const { return event_fd_; }
+    int fd() const { return event_fd_.get(); }
     std::vector<Done> take();
     // Jobs submitted and not yet taken.
     size_t pending() const;
@@ -42,7 +43,7 @@ class Runner {
 
     const std::vector<std::string> allowed_;
     const Limits limits_;
-    int event_fd_ = -1;
+    posix::UniqueFd event_fd_;
     mutable std::mutex mu_;
     std::condition_variable cv_;
     std::deque<Job> jobs_;

@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <type_traits>
+#include <initializer_list>
 
 #include "ip_addr.h"
 #include "snmp_ctx.h"
@@ -22,17 +22,17 @@
 
 namespace {
 
-// Records are packed, so their 32-bit fields may be unaligned: swap through memcpy.
-template <class Record> void swap32_at(Record *record, size_t offset) {
-    unsigned char *p = reinterpret_cast<unsigned char *>(record) + offset;
-    uint32_t v;
-    memcpy(&v, p, sizeof v);
-    v = htonl(v); // htonl and ntohl are the same swap
-    memcpy(p, &v, sizeof v);
+// Records are packed, so their 32-bit fields may be unaligned: swap through memcpy. htonl and
+// ntohl are the same swap, so one function serves both directions.
+void swap32_at(void *record, std::initializer_list<size_t> offsets) {
+    for (size_t offset : offsets) {
+        unsigned char *p = static_cast<unsigned char *>(record) + offset;
+        uint32_t v;
+        memcpy(&v, p, sizeof v);
+        v = htonl(v);
+        memcpy(p, &v, sizeof v);
+    }
 }
-
-#define CALLHOME_SWAP32(record, field)                                                             \
-    swap32_at(record, offsetof(std::remove_pointer_t<decltype(record)>, field))
 
 // Ordering of two signed keys as the containers expect it: b's greater gives 1.
 int order_of(int32_t a, int32_t b) {
@@ -391,54 +391,28 @@ int to_snmp_error_code(int status) {
 
 /* ---- Byte order: every 32-bit field of a record travels big-endian. ---------------- */
 
-void callHomeDestProfileEntry_hton(callHomeDestProfileEntry_t *entry) {
-    CALLHOME_SWAP32(entry, transport_method);
-    CALLHOME_SWAP32(entry, format_method);
-    CALLHOME_SWAP32(entry, maximum_message_size);
-    CALLHOME_SWAP32(entry, row_status);
-}
-void callHomeDestProfileEntry_ntoh(callHomeDestProfileEntry_t *entry) {
-    callHomeDestProfileEntry_hton(entry);
-}
+// One row a record: its functions' prefix, its type, and its 32-bit fields (AT(field)).
+#define CALLHOME_BYTE_ORDER(prefix, type, ...)                                                     \
+    void prefix##_hton(type *record) {                                                             \
+        using Record = type;                                                                       \
+        swap32_at(record, {__VA_ARGS__});                                                          \
+    }                                                                                              \
+    void prefix##_ntoh(type *record) {                                                             \
+        prefix##_hton(record);                                                                     \
+    }
+#define AT(field) offsetof(Record, field)
 
-void callHomeDestEmailAddressEntry_hton(callHomeDestEmailAddressEntry_t *entry) {
-    CALLHOME_SWAP32(entry, index);
-    CALLHOME_SWAP32(entry, row_status);
-}
-void callHomeDestEmailAddressEntry_ntoh(callHomeDestEmailAddressEntry_t *entry) {
-    callHomeDestEmailAddressEntry_hton(entry);
-}
+// clang-format off
+CALLHOME_BYTE_ORDER(callHomeDestProfileEntry,      callHomeDestProfileEntry_t,      AT(transport_method), AT(format_method), AT(maximum_message_size), AT(row_status))
+CALLHOME_BYTE_ORDER(callHomeDestEmailAddressEntry, callHomeDestEmailAddressEntry_t, AT(index), AT(row_status))
+CALLHOME_BYTE_ORDER(callHomeAlertGroupEntry,       callHomeAlertGroupEntry_t,       AT(word), AT(row_status))
+CALLHOME_BYTE_ORDER(callHomeEmailConf,             cmi_email_conf_t,                AT(address_type), AT(smtp_server_port))
+CALLHOME_BYTE_ORDER(callhome_alertgroup_type,      callhome_alertgroup_type_t,      AT(index))
+CALLHOME_BYTE_ORDER(cmi_userdef_cli_cmd,           cmi_userdef_cli_cmd_t,           AT(index), AT(row_status))
+// clang-format on
 
-void callHomeAlertGroupEntry_hton(callHomeAlertGroupEntry_t *entry) {
-    CALLHOME_SWAP32(entry, word);
-    CALLHOME_SWAP32(entry, row_status);
-}
-void callHomeAlertGroupEntry_ntoh(callHomeAlertGroupEntry_t *entry) {
-    callHomeAlertGroupEntry_hton(entry);
-}
-
-void callHomeEmailConf_hton(cmi_email_conf_t *conf) {
-    CALLHOME_SWAP32(conf, address_type);
-    CALLHOME_SWAP32(conf, smtp_server_port);
-}
-void callHomeEmailConf_ntoh(cmi_email_conf_t *conf) {
-    callHomeEmailConf_hton(conf);
-}
-
-void callhome_alertgroup_type_hton(callhome_alertgroup_type_t *record) {
-    CALLHOME_SWAP32(record, index);
-}
-void callhome_alertgroup_type_ntoh(callhome_alertgroup_type_t *record) {
-    callhome_alertgroup_type_hton(record);
-}
-
-void cmi_userdef_cli_cmd_hton(cmi_userdef_cli_cmd_t *record) {
-    CALLHOME_SWAP32(record, index);
-    CALLHOME_SWAP32(record, row_status);
-}
-void cmi_userdef_cli_cmd_ntoh(cmi_userdef_cli_cmd_t *record) {
-    cmi_userdef_cli_cmd_hton(record);
-}
+#undef AT
+#undef CALLHOME_BYTE_ORDER
 
 /* ---- Defaults of new rows ----------------------------------------------------------- */
 

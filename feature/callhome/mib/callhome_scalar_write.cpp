@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "ip_addr.h"
 #include "snmp_ctx.h"
@@ -17,7 +18,6 @@
 namespace {
 
 constexpr int kAlertActionWait = 2; // the action runs on; the module does not wait for it
-constexpr u_char kAsnGauge = ASN_GAUGE;
 
 // Where a handler's complaints about type and length go.
 enum class Sink {
@@ -35,30 +35,31 @@ void complain(Sink sink, const char *message, const char *handler) {
         callhome_trace(CALLHOME_TRACE_INFO, "%s", message);
         break;
     case Sink::NamedTrace:
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
         callhome_trace(CALLHOME_TRACE_INFO, message, handler);
-#pragma GCC diagnostic pop
         break;
     }
 }
 
-// Type and length checks of an INTEGER-like write; the value checks are the caller's.
-struct IntegerChecks {
-    const char *handler;
-    u_char asn_type;
+// Where the type and length complaints of one handler go, and their texts.
+struct Complaints {
     Sink sink;
     const char *type_message;
     const char *length_message;
 };
 
-int check_integer(const IntegerChecks &checks, u_char var_val_type, size_t var_val_len) {
-    if (var_val_type != checks.asn_type) {
-        complain(checks.sink, checks.type_message, checks.handler);
+constexpr Complaints kNamedIntegerComplaints = {.sink = Sink::NamedTrace,
+                                                .type_message = "%s : type not ASN_INTEGER \n",
+                                                .length_message = "%s : bad length \n"};
+
+// Type and length checks of an INTEGER-like write; the value checks are the caller's.
+int check_integer(const char *handler, u_char asn_type, const Complaints &complaints,
+                  u_char var_val_type, size_t var_val_len) {
+    if (var_val_type != asn_type) {
+        complain(complaints.sink, complaints.type_message, handler);
         return SNMP_ERR_WRONGTYPE;
     }
     if (!callhome_integer_length_ok(var_val_len)) {
-        complain(checks.sink, checks.length_message, checks.handler);
+        complain(complaints.sink, complaints.length_message, handler);
         return SNMP_ERR_WRONGLENGTH;
     }
     return SNMP_ERR_NOERROR;
@@ -69,117 +70,26 @@ int check_integer(const IntegerChecks &checks, u_char var_val_type, size_t var_v
 enum class TextRecord { Info, Email };
 
 struct TextScalar {
-    const char *handler;
     TextRecord record;
     const char *info_name = nullptr;                      // TextRecord::Info
     char (cmi_email_conf_t::*email_field)[256] = nullptr; // TextRecord::Email
-    size_t max_length;
-    bool phone_number; // the phone rule instead of the SnmpAdminString rule
-    Sink sink;
-    const char *type_message;
-    const char *length_message;
+    size_t max_length = 255;
+    bool phone_number = false; // the phone rule instead of the SnmpAdminString rule
+    Complaints complaints;
     const char *being_set; // trace of the new value: handler, value
 };
 
-const TextScalar kPhoneNumber = {
-    .handler = "set_sysContactPhoneNumber",
-    .record = TextRecord::Info,
-    .info_name = "sysContactPhoneNumber",
-    .max_length = 17,
-    .phone_number = true,
-    .sink = Sink::Trace,
-    .type_message = "write to sysContactPhoneNumber not ASN_OCTET_STR\n",
-    .length_message = "write to sysContactPhoneNumber: bad length\n",
-    .being_set = "%s : contactPhone  being set to %s\n",
-};
-const TextScalar kContactEmail = {
-    .handler = "set_sysContactEmailAddress",
-    .record = TextRecord::Info,
-    .info_name = "sysContactEmail",
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Trace,
-    .type_message = "write to sysContactEmailAddress not ASN_OCTET_STR\n",
-    .length_message = "write to sysContactEmailAddress: bad length\n",
-    .being_set = "%s : contactEmail  being set to %s\n",
-};
-const TextScalar kStreetAddress = {
-    .handler = "set_sysStreetAddress",
-    .record = TextRecord::Info,
-    .info_name = "sysStreetAddress",
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to sysStreetAddress not ASN_OCTET_STR\n",
-    .length_message = "write to sysStreetAddress: bad length\n",
-    .being_set = "%s : contactStreetAddr  being set to %s\n",
-};
-const TextScalar kCustomerId = {
-    .handler = "set_callHomeCustomerId",
-    .record = TextRecord::Info,
-    .info_name = "custId",
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to callHomeCustomerId not ASN_OCTET_STR\n",
-    .length_message = "write to callHomeCustomerId: bad length\n",
-    .being_set = "%s : custId  being set to %s\n",
-};
-const TextScalar kContractId = {
-    .handler = "set_callHomeContractId",
-    .record = TextRecord::Info,
-    .info_name = "contractId",
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to callHomeContractId not ASN_OCTET_STR\n",
-    .length_message = "write to callHomeContractId: bad length\n",
-    .being_set = "%s : contractId  being set to %s\n",
-};
-const TextScalar kSiteId = {
-    .handler = "set_callHomeSiteId",
-    .record = TextRecord::Info,
-    .info_name = "siteId",
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to callHomeSiteId not ASN_OCTET_STR\n",
-    .length_message = "write to callHomeSiteId: bad length\n",
-    .being_set = "%s : siteId  being set to %s\n",
-};
-const TextScalar kEmailFrom = {
-    .handler = "set_callHomeEmailFrom",
-    .record = TextRecord::Email,
-    .email_field = &cmi_email_conf_t::from_email_addr,
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to callHomeEmailFrom not ASN_OCTET_STR\n",
-    .length_message = "write to callHomeEmailFrom: bad length\n",
-    .being_set = "%s : fromEmail  being set to %s\n",
-};
-const TextScalar kEmailReplyTo = {
-    .handler = "set_callHomeEmailReplyTo",
-    .record = TextRecord::Email,
-    .email_field = &cmi_email_conf_t::reply_to,
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to callHomeEmailReplyTo not ASN_OCTET_STR\n",
-    .length_message = "write to callHomeEmailReplyTo: bad length\n",
-    .being_set = "%s : reply-To  being set to %s\n",
-};
-const TextScalar kEmailReturnReceipt = {
-    .handler = "set_callHomeEmailMsgDispNotification",
-    .record = TextRecord::Email,
-    .email_field = &cmi_email_conf_t::return_receipt_addr,
-    .max_length = 255,
-    .phone_number = false,
-    .sink = Sink::Stderr,
-    .type_message = "write to callHomeEmailMsgDispNotification not ASN_OCTET_STR\n",
-    .length_message = "write to callHomeEmailMsgDispNotification: bad length\n",
-    .being_set = "%s : ReturnReceipt  being set to %s\n",
-};
+// clang-format off
+const TextScalar kPhoneNumber =        {.record = TextRecord::Info,  .info_name = "sysContactPhoneNumber",                 .max_length = 17, .phone_number = true, .complaints = {Sink::Trace,  "write to sysContactPhoneNumber not ASN_OCTET_STR\n",            "write to sysContactPhoneNumber: bad length\n"},            .being_set = "%s : contactPhone  being set to %s\n"};
+const TextScalar kContactEmail =       {.record = TextRecord::Info,  .info_name = "sysContactEmail",                                                           .complaints = {Sink::Trace,  "write to sysContactEmailAddress not ASN_OCTET_STR\n",           "write to sysContactEmailAddress: bad length\n"},           .being_set = "%s : contactEmail  being set to %s\n"};
+const TextScalar kStreetAddress =      {.record = TextRecord::Info,  .info_name = "sysStreetAddress",                                                          .complaints = {Sink::Stderr, "write to sysStreetAddress not ASN_OCTET_STR\n",                 "write to sysStreetAddress: bad length\n"},                 .being_set = "%s : contactStreetAddr  being set to %s\n"};
+const TextScalar kCustomerId =         {.record = TextRecord::Info,  .info_name = "custId",                                                                    .complaints = {Sink::Stderr, "write to callHomeCustomerId not ASN_OCTET_STR\n",               "write to callHomeCustomerId: bad length\n"},               .being_set = "%s : custId  being set to %s\n"};
+const TextScalar kContractId =         {.record = TextRecord::Info,  .info_name = "contractId",                                                                .complaints = {Sink::Stderr, "write to callHomeContractId not ASN_OCTET_STR\n",               "write to callHomeContractId: bad length\n"},               .being_set = "%s : contractId  being set to %s\n"};
+const TextScalar kSiteId =             {.record = TextRecord::Info,  .info_name = "siteId",                                                                    .complaints = {Sink::Stderr, "write to callHomeSiteId not ASN_OCTET_STR\n",                   "write to callHomeSiteId: bad length\n"},                   .being_set = "%s : siteId  being set to %s\n"};
+const TextScalar kEmailFrom =          {.record = TextRecord::Email, .email_field = &cmi_email_conf_t::from_email_addr,                                        .complaints = {Sink::Stderr, "write to callHomeEmailFrom not ASN_OCTET_STR\n",                "write to callHomeEmailFrom: bad length\n"},                .being_set = "%s : fromEmail  being set to %s\n"};
+const TextScalar kEmailReplyTo =       {.record = TextRecord::Email, .email_field = &cmi_email_conf_t::reply_to,                                               .complaints = {Sink::Stderr, "write to callHomeEmailReplyTo not ASN_OCTET_STR\n",             "write to callHomeEmailReplyTo: bad length\n"},             .being_set = "%s : reply-To  being set to %s\n"};
+const TextScalar kEmailReturnReceipt = {.record = TextRecord::Email, .email_field = &cmi_email_conf_t::return_receipt_addr,                                    .complaints = {Sink::Stderr, "write to callHomeEmailMsgDispNotification not ASN_OCTET_STR\n", "write to callHomeEmailMsgDispNotification: bad length\n"}, .being_set = "%s : ReturnReceipt  being set to %s\n"};
+// clang-format on
 
 // '+' then digits, spaces and dashes; the plus sign alone is a valid number.
 bool valid_phone_number(const u_char *value, size_t len) {
@@ -190,14 +100,15 @@ bool valid_phone_number(const u_char *value, size_t len) {
                        [](u_char c) { return (c >= '0' && c <= '9') || c == ' ' || c == '-'; });
 }
 
-int check_text(const TextScalar &scalar, u_char var_val_type, const u_char *var_val,
-               size_t var_val_len) {
+int check_text(const TextScalar &scalar, const char *handler, u_char var_val_type,
+               const u_char *var_val, size_t var_val_len) {
+    const Complaints &complaints = scalar.complaints;
     if (var_val_type != ASN_OCTET_STR) {
-        complain(scalar.sink, scalar.type_message, scalar.handler);
+        complain(complaints.sink, complaints.type_message, handler);
         return SNMP_ERR_WRONGTYPE;
     }
     if (var_val_len == 0 || var_val_len > scalar.max_length) {
-        complain(scalar.sink, scalar.length_message, scalar.handler);
+        complain(complaints.sink, complaints.length_message, handler);
         return SNMP_ERR_WRONGLENGTH;
     }
     if (scalar.phone_number) {
@@ -210,18 +121,11 @@ int check_text(const TextScalar &scalar, u_char var_val_type, const u_char *var_
     if (var_val[0] == ' ' || var_val[var_val_len - 1] == ' ') {
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : leading/trailing space is not allowed in SnmpAdminString type\n",
-                       scalar.handler);
+                       handler);
         return SNMP_ERR_WRONGVALUE;
     }
     return SNMP_ERR_NOERROR;
 }
-
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-void trace_being_set(const TextScalar &scalar, const char *value) {
-    callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, scalar.handler, value);
-}
-#pragma GCC diagnostic pop
 
 int send_info(const char *info_name, const char *value) {
     cmi_callhome_info_t record{};
@@ -237,11 +141,11 @@ int send_email_conf() {
     return set_Scalar(CALLHOME_EMAIL_CONF_OPC, sizeof copy, &copy, CALLHOME_WRITE_WAIT);
 }
 
-int write_text(const TextScalar &scalar, int action, const u_char *var_val, u_char var_val_type,
-               size_t var_val_len) {
+int write_text(const TextScalar &scalar, const char *handler, int action, const u_char *var_val,
+               u_char var_val_type, size_t var_val_len, u_char *, oid *, size_t) {
     switch (action) {
     case RESERVE1:
-        return check_text(scalar, var_val_type, var_val, var_val_len);
+        return check_text(scalar, handler, var_val_type, var_val, var_val_len);
     case ACTION:
         break;
     default:
@@ -251,62 +155,149 @@ int write_text(const TextScalar &scalar, int action, const u_char *var_val, u_ch
         char value[sizeof(cmi_callhome_info_t::info_value)];
         callhome_copy_text(value, sizeof value, reinterpret_cast<const char *>(var_val),
                            var_val_len);
-        trace_being_set(scalar, value);
+        callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, handler, value);
         return send_info(scalar.info_name, value);
     }
     // The persistent record keeps the new text even when the SET fails.
     char(&field)[256] = callhome_email_conf.*scalar.email_field;
     callhome_copy_value(field, sizeof field, var_val, var_val_len);
-    trace_being_set(scalar, field);
+    callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, handler, field);
     return send_email_conf();
-}
-
-/* ---- Switches ---------------------------------------------------------------------------- */
-
-bool is_truth_value(long value) {
-    return value == 1 || value == 2;
-}
-
-int send_switch(int opcode, uint32_t on) {
-    callhome_switch_t record{};
-    record.value = htonl(on);
-    record.reserved = 0;
-    return set_Scalar(opcode, sizeof record, &record, CALLHOME_WRITE_WAIT);
 }
 
 /* ---- Periodic inventory: the record is sent whole, so the kept fields are read first. -- */
 
-struct PeriodicFields {
-    uint32_t enable;
-    uint32_t time_frame;
-    uint32_t time_of_day;
+// The record's fields in its order, each by the magic of the object that holds it.
+constexpr int kPeriodicFields[] = {PERIODICSWINVENTORYMSGENABLE, PERIODICSWINVENTORYTIMEFRAME,
+                                   PERIODICSWINVENTORYTIMEOFDAY};
+
+// A field as the record carries it: the switch as 1 (on) or 0.
+uint32_t periodic_field(int magic, long value) {
+    if (magic == PERIODICSWINVENTORYMSGENABLE) {
+        return value == 1 ? 1 : 0;
+    }
+    return static_cast<uint32_t>(value);
+}
+
+// Sends one field's new value with the current values of the other two.
+int send_periodic_inventory(int magic, uint32_t value, const char *being_set, const char *handler) {
+    callhome_trace(CALLHOME_TRACE_INFO, being_set, handler, static_cast<int>(value));
+    uint32_t fields[std::size(kPeriodicFields)];
+    for (size_t i = 0; i < std::size(kPeriodicFields); ++i) {
+        callhome_periodic_inventory_t request{};
+        fields[i] =
+            kPeriodicFields[i] == magic
+                ? value
+                : periodic_field(kPeriodicFields[i],
+                                 get_periodic_inventory_info(&request, kPeriodicFields[i], 1));
+    }
+    callhome_periodic_inventory_t record{};
+    record.enable = htonl(fields[0]);
+    record.time_frame = htonl(fields[1]);
+    record.reserved = 0;
+    record.time_of_day = htonl(fields[2]);
+    return set_Scalar(CALLHOME_PERIODIC_INVENTORY_OPC, sizeof record, &record, CALLHOME_WRITE_WAIT);
+}
+
+/* ---- The INTEGER-like scalars: one range in RESERVE1, one sender in ACTION -------------- */
+
+struct IntegerScalar {
+    u_char asn_type;
+    Complaints complaints;
+    long min;
+    long max;
+    const char *wrong_value; // traced with the handler's name for a value out of range, or none
+    const char *being_set;   // ACTION's trace: the handler's name, then the value as sent
+    int (*send)(const IntegerScalar &scalar, const char *handler, long value);
 };
 
-// Reads one kept field's current value into `fields`.
-void read_kept_field(PeriodicFields *fields, int magic) {
-    callhome_periodic_inventory_t request{};
-    const long value = get_periodic_inventory_info(&request, magic, 1);
-    switch (magic) {
-    case PERIODICSWINVENTORYMSGENABLE:
-        fields->enable = value == 1 ? 1 : 0;
-        break;
-    case PERIODICSWINVENTORYTIMEFRAME:
-        fields->time_frame = static_cast<uint32_t>(value);
-        break;
+int write_integer(const IntegerScalar &scalar, const char *handler, int action,
+                  const u_char *var_val, u_char var_val_type, size_t var_val_len, u_char *, oid *,
+                  size_t) {
+    switch (action) {
+    case RESERVE1: {
+        const int status =
+            check_integer(handler, scalar.asn_type, scalar.complaints, var_val_type, var_val_len);
+        if (status != SNMP_ERR_NOERROR) {
+            return status;
+        }
+        const long value = callhome_integer_value(var_val, var_val_len);
+        if (value >= scalar.min && value <= scalar.max) {
+            return SNMP_ERR_NOERROR;
+        }
+        if (scalar.wrong_value != nullptr) {
+            callhome_trace(CALLHOME_TRACE_INFO, scalar.wrong_value, handler);
+        }
+        return SNMP_ERR_WRONGVALUE;
+    }
+    case ACTION:
+        return scalar.send(scalar, handler, callhome_integer_value(var_val, var_val_len));
     default:
-        fields->time_of_day = static_cast<uint32_t>(value);
-        break;
+        return SNMP_ERR_NOERROR;
     }
 }
 
-int send_periodic_inventory(const PeriodicFields &fields) {
-    callhome_periodic_inventory_t record{};
-    record.enable = htonl(fields.enable);
-    record.time_frame = htonl(fields.time_frame);
+// The service's switches (a TruthValue: 1 is on, 2 off).
+template <int Opcode>
+int send_switch(const IntegerScalar &scalar, const char *handler, long value) {
+    const uint32_t on = value == 1 ? 1 : 0;
+    callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, handler, static_cast<int>(on));
+    callhome_switch_t record{};
+    record.value = htonl(on);
     record.reserved = 0;
-    record.time_of_day = htonl(fields.time_of_day);
-    return set_Scalar(CALLHOME_PERIODIC_INVENTORY_OPC, sizeof record, &record, CALLHOME_WRITE_WAIT);
+    return set_Scalar(Opcode, sizeof record, &record, CALLHOME_WRITE_WAIT);
 }
+
+template <int Magic>
+int send_periodic(const IntegerScalar &scalar, const char *handler, long value) {
+    return send_periodic_inventory(Magic, periodic_field(Magic, value), scalar.being_set, handler);
+}
+
+// The service counts priorities from 0.
+int send_priority(const IntegerScalar &scalar, const char *handler, long value) {
+    char text[16];
+    snprintf(text, sizeof text, "%d", static_cast<int>(value - 1));
+    callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, handler, text);
+    return send_info("priority", text);
+}
+
+int send_smtp_port(const IntegerScalar &scalar, const char *handler, long value) {
+    callhome_email_conf.smtp_server_port = static_cast<uint32_t>(value);
+    callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, handler,
+                   static_cast<int>(callhome_email_conf.smtp_server_port));
+    return send_email_conf();
+}
+
+// 1 is "no action"; the others name the message to send now.
+int send_alert_action(const IntegerScalar &scalar, const char *handler, long value) {
+    static constexpr const char *kActionNames[] = {"", "Test Call Home", "Inventory"};
+    if (value < 2 || value > 3) {
+        return SNMP_ERR_NOERROR;
+    }
+    callhome_alert_action_t record;
+    memset(&record, 0, sizeof record);
+    snprintf(record.action, sizeof record.action, "%s", kActionNames[value - 1]);
+    callhome_trace(CALLHOME_TRACE_INFO, scalar.being_set, handler, record.action);
+    const int result =
+        set_Scalar(CALLHOME_ALERT_ACTION_OPC, sizeof record, &record, kAlertActionWait);
+    if (result == -1 && errno == ETIME) {
+        return SNMP_ERR_NOERROR; // the wait ran out; the service carries on with the action
+    }
+    callhome_log_set_error(result);
+    return to_snmp_error_code(result);
+}
+
+constexpr const char *kNotTruthValue = "%s : Wrong value ( shd be true/false) \n";
+
+// clang-format off
+const IntegerScalar kEnable =        {.asn_type = ASN_INTEGER, .complaints = {Sink::Trace,  "write to callHomeEnable not ASN_INTEGER\n",                "write to callHomeEnable: bad length\n"},                .min = 1, .max = 2,     .wrong_value = nullptr,                                  .being_set = "%s : CallhomeEnable being set to %d\n",                .send = send_switch<CALLHOME_ENABLE_OPC>};
+const IntegerScalar kThrottling =    {.asn_type = ASN_INTEGER, .complaints = kNamedIntegerComplaints,                                                                                                                       .min = 1, .max = 2,     .wrong_value = kNotTruthValue,                           .being_set = "%s : MsgThrottlingEnable being set to %d\n",           .send = send_switch<CALLHOME_MSG_THROTTLING_OPC>};
+const IntegerScalar kPeriodicOn =    {.asn_type = ASN_INTEGER, .complaints = kNamedIntegerComplaints,                                                                                                                       .min = 1, .max = 2,     .wrong_value = kNotTruthValue,                           .being_set = "%s : PeriodicSwInventoryMsgEnable being set to %d\n",  .send = send_periodic<PERIODICSWINVENTORYMSGENABLE>};
+const IntegerScalar kPeriodicDays =  {.asn_type = ASN_GAUGE,   .complaints = kNamedIntegerComplaints,                                                                                                                       .min = 1, .max = 30,    .wrong_value = "%s : Wrong value ( shd be 1 ...30) \n", .being_set = "%s : PeriodicSwInventoryTimeFrame being set to %d\n",  .send = send_periodic<PERIODICSWINVENTORYTIMEFRAME>};
+const IntegerScalar kPriority =      {.asn_type = ASN_INTEGER, .complaints = {Sink::Stderr, "write to callHomeDeviceServicePriority not ASN_INTEGER\n", "write to callHomeDeviceServicePriority: bad length\n"}, .min = 1, .max = 8,     .wrong_value = nullptr,                                  .being_set = "%s : switchPriority  being set to %s\n",               .send = send_priority};
+const IntegerScalar kAlertAction =   {.asn_type = ASN_INTEGER, .complaints = {Sink::Stderr, "write to callHomeAlertTest not ASN_INTEGER\n",             "write to callHomeAlertTest: bad length\n"},             .min = 1, .max = 3,     .wrong_value = nullptr,                                  .being_set = "%s : callHomeTest  being set to %s\n",                 .send = send_alert_action};
+const IntegerScalar kSmtpPort =      {.asn_type = ASN_GAUGE,   .complaints = {Sink::Stderr, "write to callHomeSmtpServerPort not ASN_INTEGER\n",        "write to callHomeSmtpServerPort: bad length\n"},        .min = 1, .max = 65535, .wrong_value = nullptr,                                  .being_set = "%s : SMTP port  being set to %d\n",                    .send = send_smtp_port};
+// clang-format on
 
 // "HH:MM" into minutes after midnight; false (traced) for a bad format or range.
 bool parse_time_of_day(const char *handler, char *text, uint32_t *minutes) {
@@ -379,182 +370,33 @@ int setTableObjects(int opcode, void *data, uint32_t length) {
     return to_snmp_error_code(status);
 }
 
-/* ---- Text scalars ------------------------------------------------------------------------ */
+/* ---- The handlers served by a row ------------------------------------------------------- */
 
-int set_sysContactPhoneNumber(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                              u_char *, oid *, size_t) {
-    return write_text(kPhoneNumber, action, var_val, var_val_type, var_val_len);
-}
-
-int set_sysContactEmailAddress(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                               u_char *, oid *, size_t) {
-    return write_text(kContactEmail, action, var_val, var_val_type, var_val_len);
-}
-
-int set_sysStreetAddress(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                         u_char *, oid *, size_t) {
-    return write_text(kStreetAddress, action, var_val, var_val_type, var_val_len);
-}
-
-int set_callHomeCustomerId(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                           u_char *, oid *, size_t) {
-    return write_text(kCustomerId, action, var_val, var_val_type, var_val_len);
-}
-
-int set_callHomeContractId(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                           u_char *, oid *, size_t) {
-    return write_text(kContractId, action, var_val, var_val_type, var_val_len);
-}
-
-int set_callHomeSiteId(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                       u_char *, oid *, size_t) {
-    return write_text(kSiteId, action, var_val, var_val_type, var_val_len);
-}
-
-int set_callHomeEmailFrom(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                          u_char *, oid *, size_t) {
-    return write_text(kEmailFrom, action, var_val, var_val_type, var_val_len);
-}
-
-int set_callHomeEmailReplyTo(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                             u_char *, oid *, size_t) {
-    return write_text(kEmailReplyTo, action, var_val, var_val_type, var_val_len);
-}
-
-int set_callHomeEmailMsgDispNotification(int action, u_char *var_val, u_char var_val_type,
-                                         size_t var_val_len, u_char *, oid *, size_t) {
-    return write_text(kEmailReturnReceipt, action, var_val, var_val_type, var_val_len);
-}
-
-/* ---- Service switches and actions -------------------------------------------------------- */
-
-int set_callHomeEnable(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                       u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {
-        .handler = "set_callHomeEnable",
-        .asn_type = ASN_INTEGER,
-        .sink = Sink::Trace,
-        .type_message = "write to callHomeEnable not ASN_INTEGER\n",
-        .length_message = "write to callHomeEnable: bad length\n"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        return is_truth_value(callhome_integer_value(var_val, var_val_len)) ? SNMP_ERR_NOERROR
-                                                                            : SNMP_ERR_WRONGVALUE;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    const uint32_t on = callhome_integer_value(var_val, var_val_len) == 1 ? 1 : 0;
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : CallhomeEnable being set to %d\n", kChecks.handler,
-                   static_cast<int>(on));
-    return send_switch(CALLHOME_ENABLE_OPC, on);
-}
-
-int set_MsgThrottlingEnable(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                            u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {.handler = "set_MsgThrottlingEnable",
-                                              .asn_type = ASN_INTEGER,
-                                              .sink = Sink::NamedTrace,
-                                              .type_message = "%s : type not ASN_INTEGER \n",
-                                              .length_message = "%s : bad length \n"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        if (!is_truth_value(callhome_integer_value(var_val, var_val_len))) {
-            callhome_trace(CALLHOME_TRACE_INFO, "%s : Wrong value ( shd be true/false) \n",
-                           kChecks.handler);
-            return SNMP_ERR_WRONGVALUE;
-        }
-        return SNMP_ERR_NOERROR;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    const uint32_t on = callhome_integer_value(var_val, var_val_len) == 1 ? 1 : 0;
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : MsgThrottlingEnable being set to %d\n",
-                   kChecks.handler, static_cast<int>(on));
-    return send_switch(CALLHOME_MSG_THROTTLING_OPC, on);
-}
-
-int set_callHomeDeviceServicePriority(int action, u_char *var_val, u_char var_val_type,
-                                      size_t var_val_len, u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {
-        .handler = "set_callHomeDeviceServicePriority",
-        .asn_type = ASN_INTEGER,
-        .sink = Sink::Stderr,
-        .type_message = "write to callHomeDeviceServicePriority not ASN_INTEGER\n",
-        .length_message = "write to callHomeDeviceServicePriority: bad length\n"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        const long value = callhome_integer_value(var_val, var_val_len);
-        return value >= 1 && value <= 8 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    // The service counts priorities from 0.
-    char text[16];
-    snprintf(text, sizeof text, "%d",
-             static_cast<int>(callhome_integer_value(var_val, var_val_len) - 1));
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : switchPriority  being set to %s\n", kChecks.handler,
-                   text);
-    return send_info("priority", text);
-}
-
-int set_callHomeAlertAction(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                            u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {
-        .handler = "set_callHomeAlertAction",
-        .asn_type = ASN_INTEGER,
-        .sink = Sink::Stderr,
-        .type_message = "write to callHomeAlertTest not ASN_INTEGER\n",
-        .length_message = "write to callHomeAlertTest: bad length\n"};
-    // Indexed by the MIB value minus one; 1 is "no action".
-    static constexpr const char *kActionNames[] = {"", "Test Call Home", "Inventory"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        const long value = callhome_integer_value(var_val, var_val_len);
-        return value >= 1 && value <= 3 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    const long value = callhome_integer_value(var_val, var_val_len);
-    if (value < 2 || value > 3) {
-        return SNMP_ERR_NOERROR;
-    }
-    callhome_alert_action_t record;
-    memset(&record, 0, sizeof record);
-    snprintf(record.action, sizeof record.action, "%s", kActionNames[value - 1]);
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : callHomeTest  being set to %s\n", kChecks.handler,
-                   record.action);
-    const int result =
-        set_Scalar(CALLHOME_ALERT_ACTION_OPC, sizeof record, &record, kAlertActionWait);
-    if (result == -1 && errno == ETIME) {
-        return SNMP_ERR_NOERROR; // the wait ran out; the service carries on with the action
-    }
-    callhome_log_set_error(result);
-    return to_snmp_error_code(result);
-}
+// clang-format off
+CALLHOME_DEFINE_WRITER(set_sysContactPhoneNumber,            write_text,    kPhoneNumber)
+CALLHOME_DEFINE_WRITER(set_sysContactEmailAddress,           write_text,    kContactEmail)
+CALLHOME_DEFINE_WRITER(set_sysStreetAddress,                 write_text,    kStreetAddress)
+CALLHOME_DEFINE_WRITER(set_callHomeCustomerId,               write_text,    kCustomerId)
+CALLHOME_DEFINE_WRITER(set_callHomeContractId,               write_text,    kContractId)
+CALLHOME_DEFINE_WRITER(set_callHomeSiteId,                   write_text,    kSiteId)
+CALLHOME_DEFINE_WRITER(set_callHomeEmailFrom,                write_text,    kEmailFrom)
+CALLHOME_DEFINE_WRITER(set_callHomeEmailReplyTo,             write_text,    kEmailReplyTo)
+CALLHOME_DEFINE_WRITER(set_callHomeEmailMsgDispNotification, write_text,    kEmailReturnReceipt)
+CALLHOME_DEFINE_WRITER(set_callHomeEnable,                   write_integer, kEnable)
+CALLHOME_DEFINE_WRITER(set_MsgThrottlingEnable,              write_integer, kThrottling)
+CALLHOME_DEFINE_WRITER(set_PeriodicSwInventoryMsgEnable,     write_integer, kPeriodicOn)
+CALLHOME_DEFINE_WRITER(set_PeriodicSwInventoryTimeFrame,     write_integer, kPeriodicDays)
+CALLHOME_DEFINE_WRITER(set_callHomeDeviceServicePriority,    write_integer, kPriority)
+CALLHOME_DEFINE_WRITER(set_callHomeAlertAction,              write_integer, kAlertAction)
+CALLHOME_DEFINE_WRITER(set_callHomeSmtpServerPort,           write_integer, kSmtpPort)
+// clang-format on
 
 /* ---- SMTP server ------------------------------------------------------------------------- */
 
 int set_callHomeSmtpServerAddrType(int action, u_char *var_val, u_char var_val_type,
                                    size_t var_val_len, u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {
-        .handler = "set_callHomeSmtpServerAddrType",
-        .asn_type = ASN_INTEGER,
+    static const char *const kHandler = "set_callHomeSmtpServerAddrType";
+    static constexpr Complaints kComplaints = {
         .sink = Sink::Stderr,
         .type_message = "write to callHomeSmtpServerAddrType not ASN_INTEGER\n",
         .length_message = "write to callHomeSmtpServerAddrType: bad length\n"};
@@ -567,7 +409,8 @@ int set_callHomeSmtpServerAddrType(int action, u_char *var_val, u_char var_val_t
     const auto type = static_cast<uint32_t>(callhome_integer_value(var_val, var_val_len));
     switch (action) {
     case RESERVE1: {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
+        const int status =
+            check_integer(kHandler, ASN_INTEGER, kComplaints, var_val_type, var_val_len);
         if (status != SNMP_ERR_NOERROR) {
             return status;
         }
@@ -579,12 +422,12 @@ int set_callHomeSmtpServerAddrType(int action, u_char *var_val, u_char var_val_t
     }
     case RESERVE2:
         callhome_email_conf.address_type = type;
-        callhome_trace(CALLHOME_TRACE_INFO, "R2 - %s : Address Type %d\n", kChecks.handler,
+        callhome_trace(CALLHOME_TRACE_INFO, "R2 - %s : Address Type %d\n", kHandler,
                        static_cast<int>(type));
         return SNMP_ERR_NOERROR;
     case ACTION:
         callhome_email_conf.address_type = type;
-        callhome_trace(CALLHOME_TRACE_INFO, "%s : Address Type  being set to %d\n", kChecks.handler,
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : Address Type  being set to %d\n", kHandler,
                        static_cast<int>(type));
         return send_email_conf();
     default:
@@ -651,96 +494,7 @@ int set_callHomeSmtpServerAddr(int action, u_char *var_val, u_char var_val_type,
     return SNMP_ERR_NOERROR;
 }
 
-int set_callHomeSmtpServerPort(int action, u_char *var_val, u_char var_val_type, size_t var_val_len,
-                               u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {
-        .handler = "set_callHomeSmtpServerPort",
-        .asn_type = kAsnGauge,
-        .sink = Sink::Stderr,
-        .type_message = "write to callHomeSmtpServerPort not ASN_INTEGER\n",
-        .length_message = "write to callHomeSmtpServerPort: bad length\n"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        const long port = callhome_integer_value(var_val, var_val_len);
-        return port >= 1 && port <= 65535 ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    callhome_email_conf.smtp_server_port =
-        static_cast<uint32_t>(callhome_integer_value(var_val, var_val_len));
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : SMTP port  being set to %d\n", kChecks.handler,
-                   static_cast<int>(callhome_email_conf.smtp_server_port));
-    return send_email_conf();
-}
-
 /* ---- Periodic inventory ------------------------------------------------------------------ */
-
-int set_PeriodicSwInventoryMsgEnable(int action, u_char *var_val, u_char var_val_type,
-                                     size_t var_val_len, u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {.handler = "set_PeriodicSwInventoryMsgEnable",
-                                              .asn_type = ASN_INTEGER,
-                                              .sink = Sink::NamedTrace,
-                                              .type_message = "%s : type not ASN_INTEGER \n",
-                                              .length_message = "%s : bad length \n"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        if (!is_truth_value(callhome_integer_value(var_val, var_val_len))) {
-            callhome_trace(CALLHOME_TRACE_INFO, "%s : Wrong value ( shd be true/false) \n",
-                           kChecks.handler);
-            return SNMP_ERR_WRONGVALUE;
-        }
-        return SNMP_ERR_NOERROR;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    PeriodicFields fields{};
-    fields.enable = callhome_integer_value(var_val, var_val_len) == 1 ? 1 : 0;
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : PeriodicSwInventoryMsgEnable being set to %d\n",
-                   kChecks.handler, static_cast<int>(fields.enable));
-    read_kept_field(&fields, PERIODICSWINVENTORYTIMEFRAME);
-    read_kept_field(&fields, PERIODICSWINVENTORYTIMEOFDAY);
-    return send_periodic_inventory(fields);
-}
-
-int set_PeriodicSwInventoryTimeFrame(int action, u_char *var_val, u_char var_val_type,
-                                     size_t var_val_len, u_char *, oid *, size_t) {
-    static constexpr IntegerChecks kChecks = {.handler = "set_PeriodicSwInventoryTimeFrame",
-                                              .asn_type = kAsnGauge,
-                                              .sink = Sink::NamedTrace,
-                                              .type_message = "%s : type not ASN_INTEGER \n",
-                                              .length_message = "%s : bad length \n"};
-    if (action == RESERVE1) {
-        const int status = check_integer(kChecks, var_val_type, var_val_len);
-        if (status != SNMP_ERR_NOERROR) {
-            return status;
-        }
-        const long days = callhome_integer_value(var_val, var_val_len);
-        if (days < 1 || days > 30) {
-            callhome_trace(CALLHOME_TRACE_INFO, "%s : Wrong value ( shd be 1 ...30) \n",
-                           kChecks.handler);
-            return SNMP_ERR_WRONGVALUE;
-        }
-        return SNMP_ERR_NOERROR;
-    }
-    if (action != ACTION) {
-        return SNMP_ERR_NOERROR;
-    }
-    PeriodicFields fields{};
-    fields.time_frame = static_cast<uint32_t>(callhome_integer_value(var_val, var_val_len));
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : PeriodicSwInventoryTimeFrame being set to %d\n",
-                   kChecks.handler, static_cast<int>(fields.time_frame));
-    read_kept_field(&fields, PERIODICSWINVENTORYMSGENABLE);
-    read_kept_field(&fields, PERIODICSWINVENTORYTIMEOFDAY);
-    return send_periodic_inventory(fields);
-}
 
 int set_PeriodicSwInventoryTimeOfDay(int action, u_char *var_val, u_char var_val_type,
                                      size_t var_val_len, u_char *, oid *, size_t) {
@@ -772,15 +526,12 @@ int set_PeriodicSwInventoryTimeOfDay(int action, u_char *var_val, u_char var_val
     callhome_trace(CALLHOME_TRACE_INFO, "%s : IN ACTION SWITCH CASE \n", kHandler);
     char text[16] = {};
     callhome_copy_text(text, sizeof text, reinterpret_cast<const char *>(var_val), var_val_len);
-    PeriodicFields fields{};
-    if (!parse_time_of_day(kHandler, text, &fields.time_of_day)) {
+    uint32_t minutes = 0;
+    if (!parse_time_of_day(kHandler, text, &minutes)) {
         return SNMP_ERR_WRONGVALUE;
     }
-    callhome_trace(CALLHOME_TRACE_INFO, "%s : PeriodicSwInventoryTimeFrame being set to %d\n",
-                   kHandler, static_cast<int>(fields.time_of_day));
-    read_kept_field(&fields, PERIODICSWINVENTORYMSGENABLE);
-    read_kept_field(&fields, PERIODICSWINVENTORYTIMEFRAME);
-    return send_periodic_inventory(fields);
+    return send_periodic_inventory(PERIODICSWINVENTORYTIMEOFDAY, minutes,
+                                   "%s : PeriodicSwInventoryTimeFrame being set to %d\n", kHandler);
 }
 
 } // extern "C"

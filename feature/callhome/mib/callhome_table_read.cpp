@@ -128,6 +128,52 @@ int send_row_read(const char *fn, int opcode, int &msg_type, int get_for_set, co
     return status;
 }
 
+/* Sends the row read of `row` (host order) and, when the service answers with a row, puts
+ * that row in its place; `row` is in host order again after, whatever the answer. */
+template <class Row>
+bool read_row(const char *fn, int opcode, int &msg_type, int get_for_set, Row *row,
+              void (*swap)(Row *), int *status) {
+    swap(row);
+    CmiAnswer answer;
+    *status = send_row_read(fn, opcode, msg_type, get_for_set, row, sizeof *row, answer);
+    const bool found = *status == 0 && answer.record != nullptr;
+    if (found) {
+        answer.copy_to(row, sizeof *row);
+    }
+    answer.release();
+    swap(row); /* the swap is its own inverse */
+    return found;
+}
+
+/* A column's value as the agent takes it: `size` bytes at `field`, or a text up to its NUL. */
+u_char *column_value(void *field, size_t size, size_t *var_len) {
+    *var_len = size;
+    return static_cast<u_char *>(field);
+}
+template <size_t N> u_char *text_column(char (&field)[N], size_t *var_len) {
+    return column_value(field, strnlen(field, N), var_len);
+}
+
+/* The value of a column of the address or command table, which have one text column and the
+ * RowStatus; `rc` is the header function's answer. */
+template <class Entry, size_t N>
+u_char *text_or_status(const struct variable *vp, int rc, WriteMethod **write_method,
+                       size_t *var_len, Entry &entry, u_char text_magic, char (Entry::*text)[N],
+                       u_char status_magic) {
+    set_table_set_methods(vp->magic, write_method);
+    if (rc != 0) {
+        return nullptr;
+    }
+    if (vp->magic == text_magic) {
+        return text_column(entry.*text, var_len);
+    }
+    if (vp->magic == status_magic) {
+        return column_value(&entry.row_status, sizeof entry.row_status, var_len);
+    }
+    snmp_set_detail("");
+    return nullptr;
+}
+
 /* ---- OIDs ------------------------------------------------------------------------------ */
 
 /* Arcs a row index may add after its column: a text index is a length arc and up to 31
@@ -237,14 +283,9 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
                    __func__, type_text(msg_type), entry->destination_profile_id);
 
     entry->request_flag = 0;
-    callHomeDestProfileEntry_hton(entry);
-    CmiAnswer answer;
-    const int status = send_row_read(__func__, CALLHOME_DEST_PROFILE_OPC, msg_type, get_for_set,
-                                     entry, sizeof *entry, answer);
-
-    if (status == 0 && answer.record != nullptr) {
-        take_answer(entry, sizeof *entry, answer);
-        callHomeDestProfileEntry_ntoh(entry);
+    int status = 0;
+    if (read_row(__func__, CALLHOME_DEST_PROFILE_OPC, msg_type, get_for_set, entry,
+                 callHomeDestProfileEntry_hton, &status)) {
         callhome_terminate(entry->destination_profile_id);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd rsp for %s req : destination_profile_id = %s, transport_method "
@@ -260,8 +301,6 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
 
     /* Also for a success without a record: the trace is written and 0 returned, with the
      * key left in the record and the request's OID untouched. */
-    answer.release();
-    callHomeDestProfileEntry_ntoh(entry);
     callhome_trace(
         CALLHOME_TRACE_ERROR, "%s : Req  %s failed for for destination_profile_id = %s: %s\n",
         __func__, type_text(msg_type), entry->destination_profile_id, callhome_status_text(status));
@@ -301,8 +340,7 @@ u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name, size_t *len
             return nullptr;
         }
         std::memcpy(profile_alertgroups, mibAlertGroup.bitset, sizeof profile_alertgroups);
-        *var_len = sizeof profile_alertgroups;
-        return profile_alertgroups;
+        return column_value(profile_alertgroups, sizeof profile_alertgroups, var_len);
     }
 
     const int rc = header_callHomeDestProfileEntry(vp->name, vp->namelen, name, length, exact,
@@ -315,15 +353,13 @@ u_char *get_callHomeDestProfileTable(struct variable *vp, oid *name, size_t *len
     auto *record = reinterpret_cast<u_char *>(&callHomeDestProfileEntry);
     for (const ProfileField &field : kProfileFields) {
         if (field.magic == vp->magic) {
-            *var_len = sizeof(int32_t);
-            return record + field.offset;
+            return column_value(record + field.offset, sizeof(int32_t), var_len);
         }
     }
     if (vp->magic == CALLHOMEDESTPROFILEMSGLEVEL) {
         /* The service stores the level one lower than the MIB shows it. */
         profile_msg_level = callHomeDestProfileEntry.msg_level + 1;
-        *var_len = sizeof profile_msg_level;
-        return reinterpret_cast<u_char *>(&profile_msg_level);
+        return column_value(&profile_msg_level, sizeof profile_msg_level, var_len);
     }
     snmp_set_detail("");
     return nullptr;
@@ -406,14 +442,9 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
                    type_text(msg_type), entry->destination_profile_id, entry->index);
 
     entry->commit_flag = 0;
-    callHomeDestEmailAddressEntry_hton(entry);
-    CmiAnswer answer;
-    const int status = send_row_read(__func__, CALLHOME_DEST_EMAIL_OPC, msg_type, get_for_set,
-                                     entry, sizeof *entry, answer);
-
-    if (status == 0 && answer.record != nullptr) {
-        take_answer(entry, sizeof *entry, answer);
-        callHomeDestEmailAddressEntry_ntoh(entry);
+    int status = 0;
+    if (read_row(__func__, CALLHOME_DEST_EMAIL_OPC, msg_type, get_for_set, entry,
+                 callHomeDestEmailAddressEntry_hton, &status)) {
         callhome_terminate(entry->destination_profile_id);
         callhome_terminate(entry->email_addr);
         callhome_trace(CALLHOME_TRACE_INFO,
@@ -428,8 +459,6 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
         return 0;
     }
 
-    answer.release();
-    callHomeDestEmailAddressEntry_ntoh(entry);
     callhome_trace(CALLHOME_TRACE_ERROR,
                    "%s : Req  %s failed for destination_profile_id = %s, index = %d: %s\n",
                    __func__, type_text(msg_type), entry->destination_profile_id, entry->index,
@@ -441,22 +470,9 @@ u_char *get_callHomeDestEmailAddressTable(struct variable *vp, oid *name, size_t
                                           size_t *var_len, WriteMethod **write_method) {
     const int rc = header_callHomeDestEmailAddressEntry(vp->name, vp->namelen, name, length, exact,
                                                         &callHomeDestEmailAddressEntry, 0);
-    set_table_set_methods(vp->magic, write_method);
-    if (rc != 0) {
-        return nullptr;
-    }
-    switch (vp->magic) {
-    case CALLHOMEDESTEMAILADDRESS:
-        *var_len = strnlen(callHomeDestEmailAddressEntry.email_addr,
-                           sizeof callHomeDestEmailAddressEntry.email_addr);
-        return reinterpret_cast<u_char *>(callHomeDestEmailAddressEntry.email_addr);
-    case CALLHOMEDESTEMAILADDRESSSTATUS:
-        *var_len = sizeof callHomeDestEmailAddressEntry.row_status;
-        return reinterpret_cast<u_char *>(&callHomeDestEmailAddressEntry.row_status);
-    default:
-        snmp_set_detail("");
-        return nullptr;
-    }
+    return text_or_status(vp, rc, write_method, var_len, callHomeDestEmailAddressEntry,
+                          CALLHOMEDESTEMAILADDRESS, &callHomeDestEmailAddressEntry_t::email_addr,
+                          CALLHOMEDESTEMAILADDRESSSTATUS);
 }
 
 /* ---- A profile's alert groups ---------------------------------------------------------- */
@@ -658,15 +674,10 @@ int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, si
 
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending GETNEXT_REQ for type_index = %d ", __func__,
                    static_cast<int>(record->index));
-    callhome_alertgroup_type_t wire = *record;
-    callhome_alertgroup_type_hton(&wire);
-    CmiAnswer answer;
-    const int status = table_request(CALLHOME_ALERTGROUP_TYPE_OPC, exact ? GET_REQ : GETNEXT_REQ,
-                                     &wire, sizeof wire, answer);
-
-    if (status == 0 && answer.record != nullptr) {
-        take_answer(record, sizeof *record, answer);
-        callhome_alertgroup_type_ntoh(record);
+    int msg_type = exact ? GET_REQ : GETNEXT_REQ;
+    int status = 0;
+    if (read_row(__func__, CALLHOME_ALERTGROUP_TYPE_OPC, msg_type, 0, record,
+                 callhome_alertgroup_type_hton, &status)) {
         callhome_terminate(record->grp_name);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd  resp for %s req : index = %d, grp_name = %s \n", __func__,
@@ -677,7 +688,6 @@ int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, si
         return 0;
     }
 
-    answer.release();
     callhome_trace(CALLHOME_TRACE_ERROR, "%s : Req  GET/GETNEXT failed for type_index = %d, : %s\n",
                    __func__, static_cast<int>(record->index), callhome_status_text(status));
     return status != 0 ? status : -1;
@@ -693,8 +703,7 @@ u_char *get_callHomeAlertGroupTypeTable(struct variable *vp, oid *name, size_t *
         snmp_set_detail("");
         return nullptr;
     }
-    *var_len = strnlen(alertgroup_type.grp_name, sizeof alertgroup_type.grp_name);
-    return reinterpret_cast<u_char *>(alertgroup_type.grp_name);
+    return text_column(alertgroup_type.grp_name, var_len);
 }
 
 /* ---- User-defined command table -------------------------------------------------------- */
@@ -791,15 +800,10 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
     request.index = row->index;
     callhome_copy_text(request.alertgroup_type, row->alertgroup_name);
     request.request_flag = 0;
-    cmi_userdef_cli_cmd_hton(&request);
-    CmiAnswer answer;
-    const int status = send_row_read(__func__, CALLHOME_USER_DEF_CMD_OPC, msg_type, get_for_set,
-                                     &request, sizeof request, answer);
-
-    const bool found = status == 0 && answer.record != nullptr;
+    int status = 0;
+    const bool found = read_row(__func__, CALLHOME_USER_DEF_CMD_OPC, msg_type, get_for_set,
+                                &request, cmi_userdef_cli_cmd_hton, &status);
     if (found) {
-        take_answer(&request, sizeof request, answer);
-        cmi_userdef_cli_cmd_ntoh(&request);
         callhome_terminate(request.alertgroup_type);
         callhome_terminate(request.cli_cmd);
         callhome_trace(
@@ -819,8 +823,6 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
                 callhome_copy_text(row->alertgroup_name, request.alertgroup_type);
             }
         }
-    } else {
-        answer.release();
     }
 
     /* The OID names the indexes tried even when the request failed. */
@@ -844,22 +846,9 @@ u_char *get_callHomeUserDefCmdTable(struct variable *vp, oid *name, size_t *leng
     callhome_trace(CALLHOME_TRACE_INFO, "%s : GET req for %d \n", __func__, vp->magic);
     const int rc = header_callHomeUserDefCliCmdEntry(vp->name, vp->namelen, name, length, exact,
                                                      &callHomeUserDefCliCmdEntry, 0);
-    set_table_set_methods(vp->magic, write_method);
-    if (rc != 0) {
-        return nullptr;
-    }
-    switch (vp->magic) {
-    case CALLHOMEUSERDEFCLICMD:
-        *var_len =
-            strnlen(callHomeUserDefCliCmdEntry.cli_cmd, sizeof callHomeUserDefCliCmdEntry.cli_cmd);
-        return reinterpret_cast<u_char *>(callHomeUserDefCliCmdEntry.cli_cmd);
-    case CALLHOMEUSERDEFCLICMDSTATUS:
-        *var_len = sizeof callHomeUserDefCliCmdEntry.row_status;
-        return reinterpret_cast<u_char *>(&callHomeUserDefCliCmdEntry.row_status);
-    default:
-        snmp_set_detail("");
-        return nullptr;
-    }
+    return text_or_status(vp, rc, write_method, var_len, callHomeUserDefCliCmdEntry,
+                          CALLHOMEUSERDEFCLICMD, &callHomeUserDefCliCmdEntry_t::cli_cmd,
+                          CALLHOMEUSERDEFCLICMDSTATUS);
 }
 
 } /* extern "C" */

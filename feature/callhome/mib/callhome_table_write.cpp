@@ -77,22 +77,22 @@ struct Trace {
 /* Every line the RowStatus machine of one table traces. The texts, spelling included, are
  * what operators and their tools know from this module: keep them as they are. Lines about a
  * row get the handler's name and the table's row fields (Table::trace_row); the others the
- * handler's name alone. */
+ * handler's name alone. A line with a text here is the one most tables trace; {} traces none. */
 struct RowStatusTexts {
     Trace phase[UNDO + 1]; /* first line of each phase */
     Trace wrong_type;
     Trace wrong_length;
-    Trace bad_value;
-    Trace row_exists;
+    Trace bad_value = {"%s : RESERVE1 - inconsistent value \n"};
+    Trace row_exists = {"%s : RESERVE1 -- inconsistent value \n"};
     Trace undo_malloc_failed;
     Trace undo_added;      /* row */
     Trace undo_add_failed; /* row */
-    Trace malloc_failed;
+    Trace malloc_failed = {"%s : Malloc for entry failed\n", CALLHOME_TRACE_ERROR};
     Trace added;      /* row */
     Trace add_failed; /* row */
-    Trace reserve1_done;
-    Trace reserve2_done;
-    Trace action_unknown;
+    Trace reserve1_done = {"%s : RESERVE1 -- done \n"};
+    Trace reserve2_done = {"%s : RESERVE2 -- done \n"};
+    Trace action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"};
     Trace action_new_row;
     Trace retrieved; /* row */
     Trace before_undo_remove;
@@ -105,6 +105,15 @@ void trace(const Trace &t, const char *fn) {
     if (t.text != nullptr) {
         callhome_trace(t.level, t.text, fn);
     }
+}
+
+/* ACTION's re-read of the row failed otherwise than with "unknown entry": the service's
+ * text goes to the manager. */
+int report_read_failure(const char *fn, int status) {
+    callhome_trace(CALLHOME_TRACE_INFO,
+                   "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
+    callhome_report_error(status);
+    return to_snmp_error_code(status);
 }
 
 /* ---- Destination profile table ------------------------------------------------------- */
@@ -154,19 +163,13 @@ struct ProfileTable {
         .phase = {{}, {}, {}, {}, {"%s : In FREE:\n"}, {}},
         .wrong_type = {"%s : RESERVE1 - callHomeDestProfileStatus not ASN_INTEGER \n"},
         .wrong_length = {"%s : RESERVE1 - callHomeDestProfileStatus: bad length \n"},
-        .bad_value = {"%s : RESERVE1 - inconsistent value \n"},
-        .row_exists = {"%s : RESERVE1 -- inconsistent value \n"},
         .undo_malloc_failed = {},
         .undo_added = {"%s : RESERVE1 -- index object undo list added \n"},
         .undo_add_failed = {"%s : RESERVE1 -- index object undo list add failed \n"},
-        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
         .added = {"%s : Added entry (profile = %s ) to callHomeDestProfileEntry_list\n"},
         .add_failed = {"%s : Adding to entry (profile = %s )to callHomeDestProfileEntry_list "
                        "failed\n",
                        kError},
-        .reserve1_done = {"%s : RESERVE1 -- done \n"},
-        .reserve2_done = {"%s : RESERVE2 -- done \n"},
-        .action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"},
         .action_new_row = {"%s : ACTION -- setting default value \n"},
         .retrieved = {"%s : Retrieve  entry (profile = %s ),from callHomeDestProfileEntry_list\n"},
         .before_undo_remove = {},
@@ -216,12 +219,7 @@ struct ProfileTable {
         return SNMP_ERR_NOERROR;
     }
 
-    static int read_failed(const char *fn, int status) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
-        callhome_report_error(status);
-        return to_snmp_error_code(status);
-    }
+    static constexpr auto read_failed = report_read_failure;
     /* A row created without a size gets the default size of its format. */
     static int complete_new_row(const char *fn, Row &row, bool) {
         if (row.maximum_message_size == 0) {
@@ -238,12 +236,15 @@ struct ProfileTable {
         return SNMP_ERR_NOERROR;
     }
 
-    static int send_action(const char *fn, int msg_type, Row row) {
-        callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- sending SET REQ \n", fn);
+    static int send(int msg_type, Row row) {
         row.request_flag = 0;
         callHomeDestProfileEntry_hton(&row);
-        int status = callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row,
-                                    CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
+        return callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row,
+                              CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
+    }
+    static int send_action(const char *fn, int msg_type, const Row &row) {
+        callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- sending SET REQ \n", fn);
+        int status = send(msg_type, row);
         if (status == 0) {
             return SNMP_ERR_NOERROR;
         }
@@ -252,12 +253,9 @@ struct ProfileTable {
         return to_snmp_error_code(status);
     }
     /* The service's answer is of no use here: UNDO can't fail. */
-    static void send_undo(const char *fn, int msg_type, Row row) {
+    static void send_undo(const char *fn, int msg_type, const Row &row) {
         callhome_trace(CALLHOME_TRACE_INFO, "%s : UNDO -- sending SET REQ \n", fn);
-        row.request_flag = 0;
-        callHomeDestProfileEntry_hton(&row);
-        callhome_write(CALLHOME_DEST_PROFILE_OPC, msg_type, &row, sizeof row, CALLHOME_CLIENT_TABLE,
-                       CALLHOME_WRITE_WAIT);
+        send(msg_type, row);
     }
 };
 
@@ -316,7 +314,6 @@ struct EmailTable {
         .undo_add_failed = {"%s : Adding to entry (profile = %s,  index= %d)to "
                             "callHomeDestEmailAddressEntry_undo_list failed\n",
                             kError},
-        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
         .added = {"%s : Added entry (profile = %s,  index= %d) to "
                   "callHomeDestEmailAddressEntry_list\n"},
         .add_failed = {"%s : Adding to entry (profile = %s,  index= %d)to "
@@ -368,47 +365,47 @@ struct EmailTable {
         return SNMP_ERR_NOERROR;
     }
 
-    static int send_action(const char *fn, int msg_type, Row row) {
+    static int send(int msg_type, Row row) {
+        row.commit_flag = 0;
+        callHomeDestEmailAddressEntry_hton(&row);
+        return callhome_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row,
+                              CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
+    }
+    static int send_action(const char *fn, int msg_type, const Row &row) {
         const char *what = msg_type_text(msg_type);
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Sending  req %s with : destination_profile_id = %s, index = %d "
                        "email_addr = %s, row_status = %d commit_flag = %d \n",
                        fn, what, row.destination_profile_id, row.index, row.email_addr,
                        row.row_status, row.commit_flag);
-        int index = row.index;
-        row.commit_flag = 0;
-        callHomeDestEmailAddressEntry_hton(&row);
-        int status = callhome_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row,
-                                    CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
+        int status = send(msg_type, row);
         if (status == 0) {
             callhome_trace(CALLHOME_TRACE_INFO,
                            "%s :  req %s with : destination_profile_id = %s, index = %d "
                            "SUCCEEDED \n",
-                           fn, what, row.destination_profile_id, index);
+                           fn, what, row.destination_profile_id, row.index);
             return SNMP_ERR_NOERROR;
         }
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s :  req %s with : destination_profile_id = %s, index = %d failed : %s \n",
-                       fn, what, row.destination_profile_id, index, callhome_status_text(status));
+                       fn, what, row.destination_profile_id, row.index,
+                       callhome_status_text(status));
         callhome_log_set_error(status);
         return to_snmp_error_code(status);
     }
-    static void send_undo(const char *fn, int msg_type, Row row) {
+    static void send_undo(const char *fn, int msg_type, const Row &row) {
         const char *what = msg_type_text(msg_type);
-        int index = row.index;
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Sending  req %s for UNDO : destination_profile_id = %s, index = %d "
                        "email_addr = %s, row_status = %d\n",
-                       fn, what, row.destination_profile_id, index, row.email_addr, row.row_status);
-        row.commit_flag = 0;
-        callHomeDestEmailAddressEntry_hton(&row);
-        int status = callhome_write(CALLHOME_DEST_EMAIL_OPC, msg_type, &row, sizeof row,
-                                    CALLHOME_CLIENT_TABLE, CALLHOME_WRITE_WAIT);
+                       fn, what, row.destination_profile_id, row.index, row.email_addr,
+                       row.row_status);
+        int status = send(msg_type, row);
         if (status != 0) {
             callhome_trace(CALLHOME_TRACE_INFO,
                            "%s :  req %s for UNDO : destination_profile_id = %s, index = %d "
                            "failed : %s \n",
-                           fn, what, row.destination_profile_id, index,
+                           fn, what, row.destination_profile_id, row.index,
                            callhome_status_text(status));
         }
     }
@@ -459,19 +456,13 @@ struct UserCmdTable {
             {{}, {}, {}, {"%s : From Commit \n"}, {"%s : In FREE:\n"}, {"%s : from UNDO -- \n"}},
         .wrong_type = {"%s : RESERVE1 - callHomeUsrDefCmdStatus not ASN_INTEGER\n"},
         .wrong_length = {"%s : RESERVE1 - callHomeUsrDefCmdStatus: bad length\n"},
-        .bad_value = {"%s : RESERVE1 - inconsistent value \n"},
-        .row_exists = {"%s : RESERVE1 -- inconsistent value \n"},
         .undo_malloc_failed = {},
         .undo_added = {"%s : RESERVE1 -- index object undo list added\n"},
         .undo_add_failed = {"%s : RESERVE1 -- index object undo list add failed\n"},
-        .malloc_failed = {"%s : Malloc for entry failed\n", kError},
         .added = {"%s : Added entry (index = %d, %d ) to callHomeUserDefCliCmd_list\n"},
         .add_failed = {"%s : Adding to entry (index = %d, %d )to callHomeUsrDefCliCmd_list "
                        "failed\n",
                        kError},
-        .reserve1_done = {"%s : RESERVE1 -- done \n"},
-        .reserve2_done = {"%s : RESERVE2 -- done \n"},
-        .action_unknown = {"%s : ACTION -- get REQ ret code is UNKNOWN ENTRY \n"},
         .action_new_row = {},
         .retrieved = {"%s : Retrieve  entry (id = %d,%d ),from callHomeUsrDefCmd_list\n"},
         .before_undo_remove = {"%s : before indx_obj undo_list remove \n"},
@@ -495,12 +486,7 @@ struct UserCmdTable {
         return SNMP_ERR_NOERROR;
     }
 
-    static int read_failed(const char *fn, int status) {
-        callhome_trace(CALLHOME_TRACE_INFO,
-                       "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n", fn);
-        callhome_report_error(status);
-        return to_snmp_error_code(status);
-    }
+    static constexpr auto read_failed = report_read_failure;
     /* A command row is created only together with its command. */
     static int complete_new_row(const char *fn, Row &row, bool listed) {
         if (!listed || row.cli_cmd[0] == '\0') {
@@ -512,7 +498,7 @@ struct UserCmdTable {
 
     /* The service indexes commands by the type's name, so every request is rebuilt in its
      * own layout. */
-    static int send_request(int msg_type, const Row &row) {
+    static int send(int msg_type, const Row &row) {
         cmi_userdef_cli_cmd_t request;
         std::memset(&request, 0, sizeof request);
         request.index = row.index;
@@ -526,7 +512,7 @@ struct UserCmdTable {
     }
     static int send_action(const char *fn, int msg_type, Row row) {
         callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION - sending SET/delete REQ \n", fn);
-        int status = send_request(msg_type, row);
+        int status = send(msg_type, row);
         if (status == 0) {
             callhome_trace(CALLHOME_TRACE_INFO, "%s : ACTION -- SET/DELETE REQ succeded\n", fn);
             return SNMP_ERR_NOERROR;
@@ -539,7 +525,7 @@ struct UserCmdTable {
         if (msg_type == SET_REQ) {
             callhome_trace(CALLHOME_TRACE_INFO, "%s : UNDO -- sending SET REQ \n", fn);
         }
-        send_request(msg_type, row);
+        send(msg_type, row);
     }
 };
 
@@ -760,15 +746,15 @@ int row_status_write(const char *fn, int action, u_char *var_val, u_char var_val
 struct ProfileColumnTexts {
     const char *wrong_type;
     const char *bad_length;
-    const char *wrong_value;
-    const char *reserve1_done;
+    const char *wrong_value = "%s : RESERVE1 -- wrong value \n";
+    const char *reserve1_done = "%s : RESERVE1 -- done \n";
     const char *reserve2_not_set;
     const char *reserve2_setting;
-    const char *reserve2_done;
-    const char *action_found; /* ACTION found the row and modifies it */
+    const char *reserve2_done = "%s : RESERVE2 -- done \n";
+    const char *action_found = nullptr; /* ACTION found the row and modifies it */
     /* Takes the handler's name, then the row's name, transport method, format, size, row
      * status and message level; a text shows the ones it names. */
-    const char *sending;
+    const char *sending = nullptr;
 };
 
 /* What sets one writable column of the profile table apart from the others. */
@@ -776,8 +762,8 @@ struct ProfileColumn {
     u_char asn_type;
     long min;
     long max;
-    bool protect_builtin; /* the built-in profiles keep this column */
-    bool create_only;     /* given only with the row's creation: ACTION sends nothing */
+    bool protect_builtin = false; /* the built-in profiles keep this column */
+    bool create_only = false;     /* given only with the row's creation: ACTION sends nothing */
     void (*store)(ProfileRow &row, long value);
     ProfileColumnTexts texts;
 };
@@ -867,7 +853,7 @@ int profile_column_action(const ProfileColumn &c, const char *fn, long value, co
 }
 
 int profile_column_write(const ProfileColumn &c, const char *fn, int action, u_char *var_val,
-                         u_char var_val_type, size_t var_val_len, const oid *name,
+                         u_char var_val_type, size_t var_val_len, u_char *, const oid *name,
                          size_t name_len) {
     switch (action) {
     case RESERVE1:
@@ -889,16 +875,12 @@ const ProfileColumn kMsgFormatColumn = {
     .min = 1,
     .max = 3,
     .protect_builtin = true,
-    .create_only = false,
     .store = [](ProfileRow &row, long v) { row.format_method = static_cast<int32_t>(v); },
     .texts = {
         .wrong_type = "%s : RESERVE1 -- type not ASN_INTEGER\n",
         .bad_length = "%s : RESERVE1 -- bad length\n",
-        .wrong_value = "%s : RESERVE1 -- wrong value \n",
-        .reserve1_done = "%s : RESERVE1 -- done \n",
         .reserve2_not_set = "%s : RESERVE2 -- dest profile_id not set \n",
         .reserve2_setting = "%s : RESERVE2 -- setting format method \n",
-        .reserve2_done = "%s : RESERVE2 -- done \n",
         /* The line of a failed read, written here when the row was found. */
         .action_found = "%s : ACTION -- get REQ retcode is not CALLHOME_UNKNOWN ENTRY \n",
         .sending = "%s : Sending SET req with destination_profile_id = %s,transport_method = "
@@ -909,17 +891,12 @@ const ProfileColumn kMaxMsgSizeColumn = {
     .asn_type = ASN_UNSIGNED,
     .min = 0,
     .max = kMaxMessageSizeLimit,
-    .protect_builtin = false,
-    .create_only = false,
     .store = [](ProfileRow &row, long v) { row.maximum_message_size = static_cast<uint32_t>(v); },
     .texts = {
         .wrong_type = "%s : RESERVE1 --write to callHomeDestProfileMaxMsgSize not ASN_UNSIGNED \n",
         .bad_length = "%s : RESERVE1 -- write to callHomeDestProfileMaxMsgSize bad length \n",
-        .wrong_value = "%s : RESERVE1 -- wrong value \n",
-        .reserve1_done = "%s : RESERVE1 -- done \n",
         .reserve2_not_set = "%s : RESERVE2 -- destination profile_id not set \n",
         .reserve2_setting = "%s : RESERVE2 -- setting max msg size \n",
-        .reserve2_done = "%s : RESERVE2 -- done \n",
         .action_found = "%s : ACTION -- modifying existing ENTRY \n",
         .sending = "%s : Sending SET req with destination_profile_id= %s,transport_method = %d, "
                    "format_method = %d, maximum_message_size = %d, row_status = %d\n",
@@ -930,19 +907,15 @@ const ProfileColumn kTrnsprtMthdColumn = {
     .asn_type = ASN_INTEGER,
     .min = 1,
     .max = 1,
-    .protect_builtin = false,
     .create_only = true,
     .store = [](ProfileRow &row, long v) { row.transport_method = static_cast<int32_t>(v); },
     .texts = {
         .wrong_type = "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd not ASN_INTEGER \n",
         .bad_length = "%s : RESERVE1 -- write to callHomeDestProfileTrnsprtMthd: bad length \n",
-        .wrong_value = "%s : RESERVE1 -- wrong value \n",
         .reserve1_done = "%s : RESERVE2 -- done \n", /* RESERVE1's line says RESERVE2 */
         .reserve2_not_set = "%s : RESERVE2 -- destination profile_id not set \n",
         .reserve2_setting = "%s : RESERVE2 -- setting trp method \n",
         .reserve2_done = "%s : RESERVE2 -- done\n",
-        .action_found = nullptr,
-        .sending = nullptr,
     }};
 
 /* The service counts message levels from 0; the MIB from 1. */
@@ -950,17 +923,12 @@ const ProfileColumn kMsgLevelColumn = {
     .asn_type = ASN_INTEGER,
     .min = 1,
     .max = 10,
-    .protect_builtin = false,
-    .create_only = false,
     .store = [](ProfileRow &row, long v) { row.msg_level = static_cast<int8_t>(v - 1); },
     .texts = {
         .wrong_type = "%s : RESERVE1 -- not ASN_INTEGER \n",
         .bad_length = "%s : RESERVE1 -- bad length \n",
-        .wrong_value = "%s : RESERVE1 -- wrong value \n",
-        .reserve1_done = "%s : RESERVE1 -- done \n",
         .reserve2_not_set = "%s : RESERVE2 -- dest profile_id not set \n",
         .reserve2_setting = "%s : RESERVE2 -- setting msg level \n",
-        .reserve2_done = "%s : RESERVE2 -- done \n",
         .action_found = "%s : ACTION -- modifying existing entry \n",
         .sending = "%s : Sending SET req with destination_profile_id= %s,transport_method = %d, "
                    "format_method = %d, maximum_message_size = %d, row_status = %d , msg_level "
@@ -971,52 +939,17 @@ const ProfileColumn kMsgLevelColumn = {
 
 extern "C" {
 
-/* ---- RowStatus columns ------------------------------------------------------------------ */
+/* ---- RowStatus and destination profile columns ----------------------------------------- */
 
-int set_callHomeDestProfileStatus(int action, u_char *var_val, u_char var_val_type,
-                                  size_t var_val_len, u_char *statP, oid *name, size_t name_len) {
-    return row_status_write<ProfileTable>(__func__, action, var_val, var_val_type, var_val_len,
-                                          statP, name, name_len);
-}
-
-int set_callHomeDestEmailAddressStatus(int action, u_char *var_val, u_char var_val_type,
-                                       size_t var_val_len, u_char *statP, oid *name,
-                                       size_t name_len) {
-    return row_status_write<EmailTable>(__func__, action, var_val, var_val_type, var_val_len, statP,
-                                        name, name_len);
-}
-
-int set_callHomeUserDefCliCmdStatus(int action, u_char *var_val, u_char var_val_type,
-                                    size_t var_val_len, u_char *statP, oid *name, size_t name_len) {
-    return row_status_write<UserCmdTable>(__func__, action, var_val, var_val_type, var_val_len,
-                                          statP, name, name_len);
-}
-
-/* ---- Destination profile columns --------------------------------------------------------- */
-
-int set_callHomeDestProfileMsgFormat(int action, u_char *var_val, u_char var_val_type,
-                                     size_t var_val_len, u_char *, oid *name, size_t name_len) {
-    return profile_column_write(kMsgFormatColumn, __func__, action, var_val, var_val_type,
-                                var_val_len, name, name_len);
-}
-
-int set_callHomeDestProfileMaxMsgSize(int action, u_char *var_val, u_char var_val_type,
-                                      size_t var_val_len, u_char *, oid *name, size_t name_len) {
-    return profile_column_write(kMaxMsgSizeColumn, __func__, action, var_val, var_val_type,
-                                var_val_len, name, name_len);
-}
-
-int set_callHomeDestProfileTrnsprtMthd(int action, u_char *var_val, u_char var_val_type,
-                                       size_t var_val_len, u_char *, oid *name, size_t name_len) {
-    return profile_column_write(kTrnsprtMthdColumn, __func__, action, var_val, var_val_type,
-                                var_val_len, name, name_len);
-}
-
-int set_callHomeDestProfileMsgLevel(int action, u_char *var_val, u_char var_val_type,
-                                    size_t var_val_len, u_char *, oid *name, size_t name_len) {
-    return profile_column_write(kMsgLevelColumn, __func__, action, var_val, var_val_type,
-                                var_val_len, name, name_len);
-}
+// clang-format off
+CALLHOME_DEFINE_WRITER(set_callHomeDestProfileStatus,      row_status_write<ProfileTable>)
+CALLHOME_DEFINE_WRITER(set_callHomeDestEmailAddressStatus, row_status_write<EmailTable>)
+CALLHOME_DEFINE_WRITER(set_callHomeUserDefCliCmdStatus,    row_status_write<UserCmdTable>)
+CALLHOME_DEFINE_WRITER(set_callHomeDestProfileMsgFormat,   profile_column_write, kMsgFormatColumn)
+CALLHOME_DEFINE_WRITER(set_callHomeDestProfileMaxMsgSize,  profile_column_write, kMaxMsgSizeColumn)
+CALLHOME_DEFINE_WRITER(set_callHomeDestProfileTrnsprtMthd, profile_column_write, kTrnsprtMthdColumn)
+CALLHOME_DEFINE_WRITER(set_callHomeDestProfileMsgLevel,    profile_column_write, kMsgLevelColumn)
+// clang-format on
 
 /* ---- Destination e-mail address column --------------------------------------------------- */
 

@@ -176,6 +176,14 @@ CALLHOME_EXPORT int setTableObjects(int opcode, void *data, uint32_t length);
     CALLHOME_EXPORT int name(int action, u_char *var_val, u_char var_val_type, size_t var_val_len, \
                              u_char *statP, oid *name_oid, size_t name_len)
 
+/* Defines an exported write handler in one line: it hands its call, with its own name for the
+ * traces, to the mechanism that serves it, after the mechanism's row when one is given. */
+#define CALLHOME_DEFINE_WRITER(handler, mechanism, ...)                                            \
+    CALLHOME_WRITE_HANDLER(handler) {                                                              \
+        return mechanism(__VA_ARGS__ __VA_OPT__(, ) #handler, action, var_val, var_val_type,       \
+                         var_val_len, statP, name_oid, name_len);                                  \
+    }
+
 CALLHOME_WRITE_HANDLER(set_sysContactPhoneNumber);
 CALLHOME_WRITE_HANDLER(set_sysContactEmailAddress);
 CALLHOME_WRITE_HANDLER(set_sysStreetAddress);
