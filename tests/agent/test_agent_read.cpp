@@ -1,4 +1,5 @@
-// Reads through a real snmpd: every scalar, walk order, service outages, module reload.
+// Reads through a real snmpd: every scalar, service outages, module reload. (The walk of the
+// whole subtree in both deployments: test_agentx.cpp.)
 #include "agent_env.hpp"
 
 namespace agent_test {
@@ -66,62 +67,6 @@ TEST_F(AgentRead, EveryScalarReadsTheServiceValue) {
         EXPECT_EQ(got[i].first, R + expected[i].first);
         EXPECT_EQ(got[i].second, expected[i].second) << expected[i].first;
     }
-}
-
-TEST_F(AgentRead, FirstStartDefaultsAndUnsetTexts) {
-    start_agent();
-    EXPECT_NE(get(R + ".1.1.1.0").find("INTEGER: 2"), std::string::npos);   // service off
-    EXPECT_NE(get(R + ".1.1.2.0").find("= \"\""), std::string::npos);       // never set
-    EXPECT_NE(get(R + ".1.1.8.0").find("INTEGER: 8"), std::string::npos);   // unset priority
-    EXPECT_NE(get(R + ".1.1.18.0").find("INTEGER: 16"), std::string::npos); // DNS name
-    EXPECT_NE(get(R + ".1.1.20.0").find("Gauge32: 25"), std::string::npos);
-    EXPECT_NE(get(R + ".1.1.29.0").find("INTEGER: 1"), std::string::npos); // throttling on
-    EXPECT_NE(get(R + ".1.1.33.1.0").find("\"08:00\""), std::string::npos);
-}
-
-TEST_F(AgentRead, WalkReturnsEveryObjectOnceInOidOrder) {
-    start_agent();
-    const auto r = snmp("snmpwalk", R);
-    ASSERT_EQ(r.status, 0) << r.out;
-    const auto vbs = varbinds(r.out);
-    ASSERT_FALSE(vbs.empty());
-    for (size_t i = 1; i < vbs.size(); ++i) {
-        EXPECT_TRUE(oid_less(vbs[i - 1].first, vbs[i].first))
-            << vbs[i - 1].first << " then " << vbs[i].first;
-    }
-    auto position = [&](const std::string &oid) {
-        for (size_t i = 0; i < vbs.size(); ++i) {
-            if (vbs[i].first == R + oid) {
-                return static_cast<long>(i);
-            }
-        }
-        return -1L;
-    };
-    for (const char *scalar :
-         {".1.1.1.0",  ".1.1.2.0",    ".1.1.3.0",    ".1.1.4.0",  ".1.1.5.0",
-          ".1.1.6.0",  ".1.1.7.0",    ".1.1.8.0",    ".1.1.9.0",  ".1.1.10.0",
-          ".1.1.11.0", ".1.1.13.0",   ".1.1.15.0",   ".1.1.16.0", ".1.1.17.0",
-          ".1.1.18.0", ".1.1.19.0",   ".1.1.20.0",   ".1.1.27.0", ".1.1.28.0",
-          ".1.1.29.0", ".1.1.30.5.0", ".1.1.33.1.0", ".1.2.1.0",  ".1.2.2.0"}) {
-        EXPECT_GE(position(scalar), 0) << scalar << " missing from the walk";
-    }
-    // The time of day sits between the command table and the status group.
-    EXPECT_LT(position(".1.1.30.5.0"), position(".1.1.33.1.0"));
-    EXPECT_LT(position(".1.1.33.1.0"), position(".1.2.1.0"));
-    // The three built-in profiles appear in every column.
-    const std::string full_txt = ".8.102.117.108.108.95.116.120.116";
-    for (int column = 2; column <= 7; ++column) {
-        EXPECT_GE(position(".1.1.12.1." + std::to_string(column) + full_txt), 0) << column;
-    }
-}
-
-TEST_F(AgentRead, GetNextAfterTheLastLeadingScalarEntersTheProfileTable) {
-    start_agent();
-    const auto vbs = varbinds(snmp("snmpgetnext", R + ".1.1.11.0").out);
-    ASSERT_EQ(vbs.size(), 1u);
-    // Rows order as their OIDs do: the shortest name first ("xml").
-    EXPECT_EQ(vbs[0].first, R + ".1.1.12.1.2.3.120.109.108");
-    EXPECT_EQ(vbs[0].second, "INTEGER: 2");
 }
 
 TEST_F(AgentRead, InstanceMustBeExactlyDotZero) {

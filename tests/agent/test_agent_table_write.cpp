@@ -118,8 +118,11 @@ TEST_F(AgentTableWrite, RefusalsCarryTheirStatusAndChangeNothing) {
     EXPECT_EQ(dump(), before);
 }
 
+// The destroyed profile comes back with its addresses and alert groups.
 TEST_F(AgentTableWrite, AFailureLaterInTheRequestUndoesEarlierRows) {
     add_profile("keep", 2, 1234, 3);
+    add_address("keep", 1, "k@example.com");
+    add_group("keep", "Test");
     // The time of day is refused in ACTION, after the profile rows were sent.
     const auto r = set(profile_col(5, "new") + " i 4 " + profile_col(5, "keep") + " i 6 " + R +
                        ".1.1.33.1.0 s 25:00");
@@ -128,6 +131,8 @@ TEST_F(AgentTableWrite, AFailureLaterInTheRequestUndoesEarlierRows) {
     EXPECT_EQ(value(profile_col(2, "keep")), "INTEGER: 2");
     EXPECT_EQ(value(profile_col(3, "keep")), "Gauge32: 1234");
     EXPECT_EQ(value(profile_col(6, "keep")), "INTEGER: 4");
+    EXPECT_EQ(value(email_col(2, "keep", 1)), "STRING: \"k@example.com\"");
+    EXPECT_EQ(value(profile_col(7, "keep")), "Hex-STRING: 01 00 00 00 00 00 00 00 ");
 }
 
 } // namespace
