@@ -279,6 +279,14 @@ TEST_F(Scalars, ReadValuesAndDefaults) {
     }
 }
 
+// Only the instance .0 of a scalar exists.
+TEST_F(Scalars, ReadOnlyInstanceZero) {
+    EXPECT_NE(get(CALLHOMEDESTPROFILEMAXCOUNT), "<none>");
+    for (const std::vector<oid> &extra : {std::vector<oid>{}, {0, 1}, {1}}) {
+        EXPECT_EQ(get(CALLHOMEDESTPROFILEMAXCOUNT, extra), "<none>") << extra.size();
+    }
+}
+
 TEST_F(Scalars, ReadEmailAnswerIsKeptInHostOrder) {
     callhome_email_conf = {};
     channel.set_default(email(CALLHOME_ADDR_DNS, "mail.example.com", 587));
