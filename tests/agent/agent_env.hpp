@@ -13,11 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -204,7 +201,6 @@ class AgentEnv : public ::testing::Test {
             << "callhomed did not answer";
     }
     void stop_service() { service_.stop(); }
-    void kill_service() { service_.kill(SIGKILL); }
 
     // Starts snmpd with the module (in agent_mode_). `extra` lines go into its configuration.
     void start_agent(const std::string &extra = "") {
@@ -239,11 +235,6 @@ class AgentEnv : public ::testing::Test {
         })) << "snmpd with the module ("
             << mode_name(agent_mode_) << ") did not answer";
     }
-    void stop_agent() {
-        subagent_.stop();
-        agent_.stop();
-    }
-
     // snmpd alone, with the configuration start_agent wrote; in AgentX mode a restart leaves
     // the subagent running, which has to reconnect.
     void start_snmpd() {
@@ -263,7 +254,6 @@ class AgentEnv : public ::testing::Test {
     void stop_snmpd() {
         agent_.stop();
     }
-
     std::string agentx_socket() const {
         return dir_ + "/agentx.sock";
     }
@@ -315,51 +305,45 @@ class AgentEnv : public ::testing::Test {
 
     // Writes a record straight into the service over its request channel, as the module's
     // SET path would; used to prepare state independently of the handlers under test.
-    template <class Record> void service_request(int opcode, int msg_type, const Record &rec) {
+    template <class Record> void service_set(int opcode, const Record &rec) {
         uint32_t len = sizeof rec;
-        ASSERT_EQ(cmi_req_resp(opcode, msg_type, &rec, nullptr, &len, nullptr, 0, 0, 0, 5), 0)
+        ASSERT_EQ(cmi_req_resp(opcode, SET_REQ, &rec, nullptr, &len, nullptr, 0, 0, 0, 5), 0)
             << "opcode " << opcode;
     }
-    template <class Record> void service_set(int opcode, const Record &rec) {
-        service_request(opcode, SET_REQ, rec);
+    template <size_t N> static void put(char (&field)[N], const std::string &s) {
+        std::strncpy(field, s.c_str(), N - 1);
+    }
+    static int32_t be(uint32_t v) {
+        return int32_t(htonl(v));
     }
     void set_info(const char *name, const char *value) {
         cmi_callhome_info_t rec{};
-        std::strncpy(rec.info_name, name, sizeof rec.info_name - 1);
-        std::strncpy(rec.info_value, value, sizeof rec.info_value - 1);
+        put(rec.info_name, name);
+        put(rec.info_value, value);
         service_set(CALLHOME_INFO_OPC, rec);
     }
     void add_profile(const char *name, int format = 1, uint32_t size = 500000, int level = 0) {
-        callHomeDestProfileEntry_t p{};
-        std::strncpy(p.destination_profile_id, name, sizeof p.destination_profile_id - 1);
-        p.transport_method = int32_t(htonl(1));
-        p.format_method = int32_t(htonl(uint32_t(format)));
-        p.maximum_message_size = htonl(size);
-        p.row_status = int32_t(htonl(1));
-        p.msg_level = int8_t(level);
+        callHomeDestProfileEntry_t p{{},    be(1),         be(format), htonl(size),
+                                     be(1), int8_t(level), 0,          0};
+        put(p.destination_profile_id, name);
         service_set(CALLHOME_DEST_PROFILE_OPC, p);
     }
     void add_address(const char *profile, int index, const char *address) {
-        callHomeDestEmailAddressEntry_t e{};
-        std::strncpy(e.destination_profile_id, profile, sizeof e.destination_profile_id - 1);
-        std::strncpy(e.email_addr, address, sizeof e.email_addr - 1);
-        e.index = int32_t(htonl(uint32_t(index)));
-        e.row_status = int32_t(htonl(1));
+        callHomeDestEmailAddressEntry_t e{{}, {}, be(index), be(1), 0};
+        put(e.destination_profile_id, profile);
+        put(e.email_addr, address);
         service_set(CALLHOME_DEST_EMAIL_OPC, e);
     }
     void add_group(const char *profile, const char *group) {
-        callHomeAlertGroupEntry_t g{};
-        std::strncpy(g.destination_profile_id, profile, sizeof g.destination_profile_id - 1);
-        std::strncpy(g.alert_group, group, sizeof g.alert_group - 1);
-        g.row_status = int32_t(htonl(1));
+        callHomeAlertGroupEntry_t g{{}, 0, be(1), {}, 0};
+        put(g.destination_profile_id, profile);
+        put(g.alert_group, group);
         service_set(CALLHOME_PROFILE_ALERTGROUP_OPC, g);
     }
     void add_command(const char *type, int index, const char *command) {
-        cmi_userdef_cli_cmd_t c{};
-        c.index = int32_t(htonl(uint32_t(index)));
-        std::strncpy(c.alertgroup_type, type, sizeof c.alertgroup_type - 1);
-        std::strncpy(c.cli_cmd, command, sizeof c.cli_cmd - 1);
-        c.row_status = int32_t(htonl(1));
+        cmi_userdef_cli_cmd_t c{be(index), {}, be(1), {}, 0};
+        put(c.alertgroup_type, type);
+        put(c.cli_cmd, command);
         service_set(CALLHOME_USER_DEF_CMD_OPC, c);
     }
     std::string get(const std::string &oid) const {

@@ -32,29 +32,6 @@ class AgentTableWrite : public AgentEnv {
     }
 };
 
-TEST_F(AgentTableWrite, CreateProfileWithColumnsInOneRequest) {
-    ASSERT_EQ(error_status(set(profile_col(5, "p1") + " i 4 " + profile_col(2, "p1") + " i 3")),
-              "noError");
-    EXPECT_EQ(value(profile_col(2, "p1")), "INTEGER: 3");
-    EXPECT_EQ(value(profile_col(3, "p1")), "Gauge32: 4000"); // short text default
-    EXPECT_EQ(value(profile_col(4, "p1")), "INTEGER: 1");
-    EXPECT_EQ(value(profile_col(5, "p1")), "INTEGER: 1");
-    EXPECT_EQ(value(profile_col(6, "p1")), "INTEGER: 1");
-
-    ASSERT_EQ(error_status(set(profile_col(5, "p2") + " i 4 " + profile_col(3, "p2") + " u 2000 " +
-                               profile_col(6, "p2") + " i 10")),
-              "noError");
-    EXPECT_EQ(value(profile_col(2, "p2")), "INTEGER: 1");
-    EXPECT_EQ(value(profile_col(3, "p2")), "Gauge32: 2000");
-    EXPECT_EQ(value(profile_col(6, "p2")), "INTEGER: 10");
-
-    // An existing row takes column writes one at a time.
-    ASSERT_EQ(error_status(set(profile_col(2, "p2") + " i 2")), "noError");
-    EXPECT_EQ(value(profile_col(2, "p2")), "INTEGER: 2");
-    ASSERT_EQ(error_status(set(profile_col(6, "p2") + " i 3")), "noError");
-    EXPECT_EQ(value(profile_col(6, "p2")), "INTEGER: 3");
-}
-
 TEST_F(AgentTableWrite, AddressesGroupsAndCommandsOfAProfile) {
     ASSERT_EQ(error_status(set(profile_col(5, "ops") + " i 4")), "noError");
     ASSERT_EQ(error_status(set(email_col(3, "ops", 1) + " i 4 " + email_col(2, "ops", 1) +
@@ -118,8 +95,11 @@ TEST_F(AgentTableWrite, RefusalsCarryTheirStatusAndChangeNothing) {
     EXPECT_EQ(dump(), before);
 }
 
+// The destroyed profile comes back with its addresses and alert groups.
 TEST_F(AgentTableWrite, AFailureLaterInTheRequestUndoesEarlierRows) {
     add_profile("keep", 2, 1234, 3);
+    add_address("keep", 1, "k@example.com");
+    add_group("keep", "Test");
     // The time of day is refused in ACTION, after the profile rows were sent.
     const auto r = set(profile_col(5, "new") + " i 4 " + profile_col(5, "keep") + " i 6 " + R +
                        ".1.1.33.1.0 s 25:00");
@@ -128,6 +108,8 @@ TEST_F(AgentTableWrite, AFailureLaterInTheRequestUndoesEarlierRows) {
     EXPECT_EQ(value(profile_col(2, "keep")), "INTEGER: 2");
     EXPECT_EQ(value(profile_col(3, "keep")), "Gauge32: 1234");
     EXPECT_EQ(value(profile_col(6, "keep")), "INTEGER: 4");
+    EXPECT_EQ(value(email_col(2, "keep", 1)), "STRING: \"k@example.com\"");
+    EXPECT_EQ(value(profile_col(7, "keep")), "Hex-STRING: 01 00 00 00 00 00 00 00 ");
 }
 
 } // namespace

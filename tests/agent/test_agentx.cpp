@@ -4,6 +4,8 @@
 // subagent's life next to its master.
 #include "agent_env.hpp"
 
+#include <algorithm>
+
 namespace agent_test {
 
 // gtest prints the parameter with this (found next to AgentMode) instead of its bytes.
@@ -15,15 +17,6 @@ void PrintTo(AgentMode mode, std::ostream *os) {
 namespace {
 
 const std::string R = kRoot;
-
-// A profile name as its index arcs: length, then one arc per character.
-std::string name_index(const std::string &name) {
-    std::string s = "." + std::to_string(name.size());
-    for (unsigned char c : name) {
-        s += "." + std::to_string(c);
-    }
-    return s;
-}
 
 class BothModes : public AgentEnv, public ::testing::WithParamInterface<AgentMode> {
   protected:
@@ -48,8 +41,13 @@ TEST_P(BothModes, WalkServesScalarsTablesAndStatus) {
         EXPECT_TRUE(oid_less(vbs[i - 1].first, vbs[i].first))
             << vbs[i - 1].first << " then " << vbs[i].first;
     }
+    // First-start values, from the service or the module's defaults.
     const std::map<std::string, std::string> expected = {
         {".1.1.1.0", "INTEGER: 2"},    // service off at first start
+        {".1.1.2.0", "\"\""},          // never set
+        {".1.1.8.0", "INTEGER: 8"},    // unset priority
+        {".1.1.18.0", "INTEGER: 16"},  // DNS name
+        {".1.1.29.0", "INTEGER: 1"},   // throttling on
         {".1.1.9.0", "INTEGER: 1"},    // the trigger reads noAction
         {".1.1.13.0", "Gauge32: 50"},  // profile maximum
         {".1.1.20.0", "Gauge32: 25"},  // SMTP port default
@@ -57,21 +55,31 @@ TEST_P(BothModes, WalkServesScalarsTablesAndStatus) {
         {".1.1.33.1.0", "STRING: \"08:00\""},
         {".1.2.2.0", "Counter32: 0"},
         // A built-in profile with its format and the short message size.
-        {".1.1.12.1.2" + name_index("short_txt"), "INTEGER: 3"},
-        {".1.1.12.1.3" + name_index("short_txt"), "Gauge32: 4000"},
-        {".1.1.12.1.5" + name_index("short_txt"), "INTEGER: 1"},
+        {".1.1.12.1.2" + text_index("short_txt"), "INTEGER: 3"},
+        {".1.1.12.1.3" + text_index("short_txt"), "Gauge32: 4000"},
+        {".1.1.12.1.5" + text_index("short_txt"), "INTEGER: 1"},
     };
     for (const auto &[oid, value] : expected) {
         const auto it = by_oid.find(R + oid);
         ASSERT_NE(it, by_oid.end()) << oid << " missing from the walk";
         EXPECT_EQ(it->second, value) << oid;
     }
-    // The alert-group type table lists the service's types.
-    bool test_type = false;
-    for (const auto &[oid, value] : vbs) {
-        test_type |= oid.rfind(R + ".1.1.25.1.2.", 0) == 0 && value == "STRING: \"Test\"";
+    // The alert-group type table lists the service's types; the three built-in profiles
+    // appear in every column; the time of day sits between the command table and the status
+    // group.
+    EXPECT_EQ(by_oid[R + ".1.1.25.1.2.7"], "STRING: \"Test\"");
+    for (int column = 2; column <= 7; ++column) {
+        for (const char *name : {"xml", "full_txt", "short_txt"}) {
+            EXPECT_TRUE(by_oid.count(R + ".1.1.12.1." + std::to_string(column) + text_index(name)))
+                << column << " " << name;
+        }
     }
-    EXPECT_TRUE(test_type) << r.out;
+    auto position = [&](const std::string &oid) {
+        return std::find_if(vbs.begin(), vbs.end(), [&](auto &v) { return v.first == R + oid; }) -
+               vbs.begin();
+    };
+    EXPECT_LT(position(".1.1.30.5.0"), position(".1.1.33.1.0"));
+    EXPECT_LT(position(".1.1.33.1.0"), position(".1.2.1.0"));
 }
 
 // A SET whose later variable fails leaves no trace of the profile its first variable
@@ -80,8 +88,8 @@ TEST_P(BothModes, WalkServesScalarsTablesAndStatus) {
 // action phase, which makes the agent undo the creation).
 TEST_P(BothModes, FailedMultiVariableSetLeavesNoProfile) {
     start_agent();
-    const std::string status = R + ".1.1.12.1.5" + name_index("undo1");
-    const std::string level = R + ".1.1.12.1.6" + name_index("undo1");
+    const std::string status = R + ".1.1.12.1.5" + text_index("undo1");
+    const std::string level = R + ".1.1.12.1.6" + text_index("undo1");
     const std::string time_of_day = R + ".1.1.33.1.0";
     struct Case {
         std::string what, second_varbind, error;

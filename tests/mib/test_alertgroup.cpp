@@ -4,14 +4,12 @@
 #include <optional>
 
 #include "bitset.h"
-#include "fake_channel.hpp"
+#include "mib_support.hpp"
 #include "notif.h"
-#include "table_read_support.hpp"
 
 namespace {
 
-using namespace callhome_read_test;
-using callhome_test::FakeChannel;
+using namespace callhome_test;
 constexpr uint32_t kEnd = 0xFFFFFFFFu;
 
 // The registry as a refresh would leave it (host order, terminated).

@@ -1,9 +1,9 @@
 // The module frame (loading and unloading with the index containers and notification
 // registrations), the shared helpers (text indexes in OIDs, the time-of-day text, the debug
-// trace, status texts and the error record) and the wire records (byte order, defaults of new
-// rows, container orderings, the status mapping). The object table's names, OIDs, types and access
-// are checked against the MIB in tests/mib_def, its walk order and the column write handlers
-// through snmpd in tests/agent.
+// trace, status texts and the error record) and the wire records (byte order, container
+// orderings). The defaults of new rows and the status mapping show in what the writes send
+// (test_table_write.cpp, test_scalars.cpp); the object table is checked against the MIB in
+// tests/mib_def, its walk order and the column write handlers through snmpd in tests/agent.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -169,29 +169,6 @@ TEST(RecordByteOrder, EveryWordAndNothingElse) {
     check_byte_order(cmi_userdef_cli_cmd_hton, cmi_userdef_cli_cmd_ntoh, {0, 260});
 }
 
-TEST(RecordDefaults, KeepTheKeyAndRowStatus) {
-    callHomeDestProfileEntry_t p;
-    memset(&p, 0x5A, sizeof p);
-    strcpy(p.destination_profile_id, "p1");
-    p.row_status = 4;
-    callHomeDestProfileEntry_defaults(&p);
-    EXPECT_STREQ(p.destination_profile_id, "p1");
-    EXPECT_EQ(std::make_tuple(p.row_status, p.transport_method, p.format_method),
-              std::make_tuple(4, 1, 1));
-    EXPECT_EQ(std::make_tuple(p.maximum_message_size, p.msg_level, p.request_flag),
-              std::make_tuple(0u, int8_t{0}, uint8_t{0}));
-    EXPECT_EQ(p.reserved, 0x5A); // not the defaults' business
-
-    callHomeDestEmailAddressEntry_t e;
-    memset(&e, 0x5A, sizeof e);
-    e.index = 3;
-    e.row_status = 5;
-    callHomeDestEmailAddressEntry_defaults(&e);
-    EXPECT_EQ(std::make_tuple(e.destination_profile_id[0], e.email_addr[0], e.commit_flag),
-              std::make_tuple('\0', '\0', uint8_t{0}));
-    EXPECT_EQ(std::make_pair(e.index, e.row_status), std::make_pair(3, 5));
-}
-
 int sign(int v) {
     return (v > 0) - (v < 0);
 }
@@ -246,15 +223,6 @@ TEST(RecordOrdering, ComparatorsOfTheContainers) {
         strcpy(ua.alertgroup_name, "x");
         strcpy(ub.alertgroup_name, "y");
         EXPECT_EQ(callHomeUserDefCliCmdEntry_comp(&ua, &ub), expected) << a_key << a_index;
-    }
-}
-
-TEST(StatusMapping, ServiceStatusToSnmpError) {
-    EXPECT_EQ(to_snmp_error_code(0), SNMP_ERR_NOERROR);
-    EXPECT_EQ(to_snmp_error_code(CALLHOME_UNKNOWN_ENTRY), SNMP_ERR_NOSUCHNAME);
-    for (int status : {-1, 1, int{CALLHOME_END_OF_TABLE}, int{CALLHOME_ERR_INVALID_INPUT},
-                       int{CALLHOME_ERR_BUILTIN_PROFILE}, int{CALLHOME_ERR_VELD_RESEND}}) {
-        EXPECT_EQ(to_snmp_error_code(status), SNMP_ERR_GENERR) << status;
     }
 }
 

@@ -7,14 +7,11 @@
 #include <optional>
 #include <tuple>
 
-#include "fake_channel.hpp"
-#include "table_read_support.hpp"
+#include "mib_support.hpp"
 
 namespace {
 
-using namespace callhome_read_test;
-using callhome_test::FakeChannel;
-using Request = platform::CmiRequest;
+using namespace callhome_test;
 using Cmd = cmi_userdef_cli_cmd_t;
 
 // A column of each table (profiles, e-mail addresses, a profile's groups, types, commands)
@@ -161,7 +158,7 @@ TEST_F(TableReadTest, RowReadsChooseTheirMessageTypeAndRepeatOnlyADistributionGe
     const std::tuple<u_char, Arcs, int, size_t, Reply> tables[] = {
         {P, text("p1"), PO, 51, record_reply(profile_rec("p1"))},
         {E, text("p1") + Arcs{1}, EO, 297, record_reply(email_rec("p1", 1, "a@b"))},
-        {C, {1, 2}, CO, 865, record_reply(cmd_rec(2, "Syslog", "show"))}};
+        {C, {1, 2}, CO, 865, record_reply(cmd_rec("Syslog", 2, "show"))}};
     const struct { bool enabled; int mode, exact, get_for_set, type; } cases[] = {
         {false, 0, 1, 0, GET_REQ}, {false, 0, 0, 0, GETNEXT_REQ}, {false, 0, 1, 1, GET_REQ},
         {true, 0, 1, 0, VELD_GET_REQ}, {true, 0, 0, 0, VELD_GETNEXT_REQ}, {true, 3, 1, 0, GET_REQ},
@@ -250,14 +247,14 @@ TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
         // after index 5) and writes the row back, also when the service went on to the next
         // type or to one the registry does not know; a GET; failures still name the indexes
         // tried, and a failed type lookup sends nothing for the command.
-        {C, {}, 0, {{CO, {R(cmd_rec(1, "Syslog", "a"))}}}, "a", {1, 1}, CO, GETNEXT_REQ, "Syslog/0"},
-        {C, {2}, 0, {{CO, {R(cmd_rec(3, "Inventory", "b"))}}}, "b", {2, 3}, CO, GETNEXT_REQ, "Inventory/0"},
-        {C, {1, 2}, 0, {{CO, {R(cmd_rec(4, "Syslog", "c"))}}}, "c", {1, 4}, CO, GETNEXT_REQ, "Syslog/2"},
-        {C, {1, 5}, 0, {{CO, {R(cmd_rec(1, "Inventory", "d"))}}}, "d", {2, 1}, CO, GETNEXT_REQ, "Inventory/0"},
-        {C, {0, 5}, 0, {{CO, {R(cmd_rec(1, "Syslog", "z"))}}}, "z", {1, 1}, CO, GETNEXT_REQ, "Syslog/0"},
-        {C, {1, 2}, 0, {{CO, {R(cmd_rec(2, "Test", "e"))}}}, "e", {4, 2}, CO, GETNEXT_REQ, "Syslog/2"},
-        {C, {1, 2}, 0, {{CO, {R(cmd_rec(1, "Gone", "f"))}}}, "f", {1, 1}, CO, GETNEXT_REQ, "Syslog/2"},
-        {CALLHOMEUSERDEFCLICMDSTATUS, {2, 3}, 1, {{CO, {R(cmd_rec(3, "Inventory", "g"))}}}, "1", {2, 3}, CO, GET_REQ, "Inventory/3"},
+        {C, {}, 0, {{CO, {R(cmd_rec("Syslog", 1, "a"))}}}, "a", {1, 1}, CO, GETNEXT_REQ, "Syslog/0"},
+        {C, {2}, 0, {{CO, {R(cmd_rec("Inventory", 3, "b"))}}}, "b", {2, 3}, CO, GETNEXT_REQ, "Inventory/0"},
+        {C, {1, 2}, 0, {{CO, {R(cmd_rec("Syslog", 4, "c"))}}}, "c", {1, 4}, CO, GETNEXT_REQ, "Syslog/2"},
+        {C, {1, 5}, 0, {{CO, {R(cmd_rec("Inventory", 1, "d"))}}}, "d", {2, 1}, CO, GETNEXT_REQ, "Inventory/0"},
+        {C, {0, 5}, 0, {{CO, {R(cmd_rec("Syslog", 1, "z"))}}}, "z", {1, 1}, CO, GETNEXT_REQ, "Syslog/0"},
+        {C, {1, 2}, 0, {{CO, {R(cmd_rec("Test", 2, "e"))}}}, "e", {4, 2}, CO, GETNEXT_REQ, "Syslog/2"},
+        {C, {1, 2}, 0, {{CO, {R(cmd_rec("Gone", 1, "f"))}}}, "f", {1, 1}, CO, GETNEXT_REQ, "Syslog/2"},
+        {CALLHOMEUSERDEFCLICMDSTATUS, {2, 3}, 1, {{CO, {R(cmd_rec("Inventory", 3, "g"))}}}, "1", {2, 3}, CO, GET_REQ, "Inventory/3"},
         {C, {1, 5}, 0, {}, "none", {2, 0}, CO, GETNEXT_REQ, "Inventory/0"},
         {C, {9, 1}, 0, {}, "none", {9, 1}, CO, 0, "-"}};
     // clang-format on

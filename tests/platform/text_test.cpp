@@ -1,5 +1,4 @@
-// Addresses, status texts, error logging, traces, the request context, index containers and
-// bit sets.
+// Addresses, status texts, error logging, traces, index containers and bit sets.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +14,6 @@
 #include "ip_addr.h"
 #include "platform/testing.hpp"
 #include "sdwrap.h"
-#include "snmp_ctx.h"
 #include "syserr.h"
 #include "sysmgr.h"
 #include "veld.h"
@@ -96,7 +94,7 @@ TEST(Syserr, StatusTextsAtTheEdgesOfTheRange) {
     EXPECT_STREQ(syserr_format(0x403B0099), "unknown error 0x403b0099");
 }
 
-TEST_F(PlatformTest, ErrorsHeartbeatsContextAndDistributionState) {
+TEST_F(PlatformTest, ErrorsHeartbeatsAndDistributionState) {
     EXPECT_EQ(platform::last_set_error(), std::make_pair(int32_t(0), 0));
     ::testing::internal::CaptureStderr();
     log_set_error(0x403B0019, 472);
@@ -130,15 +128,6 @@ TEST_F(PlatformTest, ErrorsHeartbeatsContextAndDistributionState) {
 
     platform::clear_heartbeat_state();
     EXPECT_EQ(platform::heartbeat_state(), platform::HeartbeatState{});
-
-    auto context = [] {
-        return std::make_pair(std::string(get_snmp_username(0)), get_snmp_sessionid(0));
-    };
-    EXPECT_EQ(context(), std::make_pair(std::string(), 0u));
-    platform::set_snmp_context("operator", 4242);
-    EXPECT_EQ(context(), std::make_pair(std::string("operator"), 4242u));
-    platform::clear_snmp_context();
-    EXPECT_EQ(context(), std::make_pair(std::string(), 0u));
 
     EXPECT_EQ(is_veld_enabled("callhome"), 0);
     platform::set_distribution(true, 3);

@@ -349,6 +349,28 @@ TEST_F(Channel, DeletingAProfileCascadesAndReplacingKeepsItsRows) {
     EXPECT_EQ(Strings{}, emails());
 }
 
+// Created again by the request that deleted it (its UNDO), a profile comes back with its
+// addresses and groups; created by another request, or with no request named, it starts empty.
+TEST_F(Channel, ProfileCreatedAgainByTheRequestThatDeletedIt) {
+    auto in = [&](uint32_t session, int type) {
+        auto r = request(kProfile, type, profile_rec("p"));
+        r.session = session;
+        return svc.handle(r).status;
+    };
+    const Strings rows = {"p/1=a@example.com"};
+    for (const auto &[deleting, creating, kept] :
+         {std::tuple{6u, 6u, true}, {6u, 7u, false}, {0u, 0u, false}}) {
+        set(kProfile, profile_rec("p"));
+        set(kAddr, dest_email_rec("p", 1, "a@example.com"));
+        set(kGroup, profile_group_rec("p", "Test"));
+        ASSERT_EQ(0, in(deleting, DELETE_REQ));
+        ASSERT_EQ(0, in(creating, SET_REQ));
+        EXPECT_EQ(kept ? rows : Strings{}, emails()) << deleting << " " << creating;
+        EXPECT_EQ(kept ? Strings{"p/Test"} : Strings{}, groups()) << deleting << " " << creating;
+        ASSERT_EQ(0, in(creating, DELETE_REQ));
+    }
+}
+
 TEST_F(Channel, EmailAddressesWalkByProfileThenIndex) {
     set(kProfile, profile_rec("p"));
     set(kProfile, profile_rec("q"));
