@@ -1,15 +1,13 @@
 // The messages the service sends by itself, through the service as the daemon hosts it:
 // alerts by group and level, throttling, commands attached, and the periodic inventory
-// across restarts. The clock is injected.
+// across restarts. The clock is injected; the service is switched on.
 #include <gtest/gtest.h>
 
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "callhome/service.hpp"
 #include "records.hpp"
@@ -17,9 +15,6 @@
 using namespace svc_test;
 
 namespace {
-
-// 2026-03-10 00:00 UTC.
-constexpr int64_t kDay0 = 1773100800;
 
 class Dispatch : public ::testing::Test {
   protected:
@@ -29,11 +24,16 @@ class Dispatch : public ::testing::Test {
         char tmpl[] = "/tmp/dispatch-XXXXXX";
         dir = mkdtemp(tmpl);
         open();
+        set(CALLHOME_INFO_OPC, info_rec("sysContactEmail", "ops@example.com"));
+        set(CALLHOME_INFO_OPC, info_rec("sysContactPhoneNumber", "+1 800-555"));
+        set(CALLHOME_INFO_OPC, info_rec("sysStreetAddress", "1 Main Street"));
+        set(CALLHOME_ENABLE_OPC, switch_rec(1));
     }
     void TearDown() override {
         svc.reset();
-        std::system(("rm -rf " + dir).c_str());
+        std::filesystem::remove_all(dir);
     }
+    // A start on the same database (the running service stops first).
     void open() {
         svc.reset();
         svc = std::make_unique<callhome::Service>(dir + "/db");
@@ -42,12 +42,6 @@ class Dispatch : public ::testing::Test {
     void set(int op, const Bytes &rec) {
         ASSERT_EQ(0, svc->handle(request(op, SET_REQ, rec)).status) << op;
     }
-    void enable() {
-        set(CALLHOME_INFO_OPC, info_rec("sysContactEmail", "ops@example.com"));
-        set(CALLHOME_INFO_OPC, info_rec("sysContactPhoneNumber", "+1 800-555"));
-        set(CALLHOME_INFO_OPC, info_rec("sysStreetAddress", "1 Main Street"));
-        set(CALLHOME_ENABLE_OPC, switch_rec(1));
-    }
     // A profile with one address; level as the MIB shows it (1..10).
     void profile(const std::string &name, int level, const std::string &group) {
         set(CALLHOME_DEST_PROFILE_OPC, profile_rec(name, 1, 0, 1, int8_t(level - 1)));
@@ -55,28 +49,31 @@ class Dispatch : public ::testing::Test {
         set(CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec(name, group));
     }
     std::string outbox() { return svc->admin({"outbox"}).second; }
-    static size_t count(const std::string &hay, const std::string &needle) {
+    bool in(const std::string &text, const std::string &what) {
+        return text.find(what) != std::string::npos;
+    }
+    size_t count(const std::string &what, std::string text = "") {
+        text = text.empty() ? outbox() : text;
         size_t n = 0;
-        for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) {
+        for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) {
             ++n;
         }
         return n;
     }
     std::string dir;
-    int64_t now = kDay0 + 12 * 3600;
+    int64_t now = 1773100800 + 12 * 3600; // 2026-03-10 12:00 UTC
     std::unique_ptr<callhome::Service> svc;
 };
 
 TEST_F(Dispatch, AlertsReachProfilesByGroupAndLevel) {
-    enable();
     profile("lvl2", 2, "Diagnostic");
     profile("lvl4", 4, "Diagnostic");
     profile("lvl1all", 1, "all");
     profile("syslog", 1, "Syslog");
-    struct Case {
-        std::vector<std::string> args;
+    const struct {
+        Strings args;
         int status;
-        std::vector<std::string> reached;
+        Strings reached;
     } cases[] = {
         {{"alert", "Diagnostic", "--severity", "3", "disk"}, 0, {"lvl2", "lvl1all"}},
         {{"alert", "Diagnostic", "--severity", "4", "disk"}, 0, {"lvl2", "lvl4", "lvl1all"}},
@@ -92,20 +89,19 @@ TEST_F(Dispatch, AlertsReachProfilesByGroupAndLevel) {
         const auto [status, text] = svc->admin(c.args);
         EXPECT_EQ(c.status, status) << c.args[1] << " " << text;
         const std::string added = outbox().substr(before.size() - 2);
-        EXPECT_EQ(c.reached.size(), count(added, "\"profile\": ")) << c.args[1] << added;
+        EXPECT_EQ(c.reached.size(), count("\"profile\": ", added)) << c.args[1] << added;
         for (const auto &p : c.reached) {
-            EXPECT_NE(std::string::npos, added.find("\"profile\": \"" + p + "\"")) << p;
+            EXPECT_TRUE(in(added, "\"profile\": \"" + p + "\"")) << p;
         }
     }
     // A test message ignores levels: the level-4 profile gets it too.
     set(CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec("lvl4", "Test"));
     const std::string before = outbox();
     set(CALLHOME_ALERT_ACTION_OPC, action_rec("Test Call Home"));
-    EXPECT_NE(std::string::npos, outbox().substr(before.size() - 2).find("\"lvl4\""));
+    EXPECT_TRUE(in(outbox().substr(before.size() - 2), "\"lvl4\""));
 }
 
 TEST_F(Dispatch, ThrottlesThe31stAlertOfAGroupWithinAnHour) {
-    enable();
     profile("p", 1, "all");
     for (int i = 0; i < 30; ++i) {
         ASSERT_EQ(0, svc->admin({"alert", "Syslog", "m"}).first);
@@ -114,39 +110,44 @@ TEST_F(Dispatch, ThrottlesThe31stAlertOfAGroupWithinAnHour) {
     open(); // a restart keeps the rolling hour
     EXPECT_EQ("alert queued for 0 profile(s), throttled for 1\n",
               svc->admin({"alert", "Syslog", "m"}).second);
-    EXPECT_EQ(1u, count(outbox(), "\"state\": \"throttled\""));
     EXPECT_EQ(0, svc->admin({"alert", "Diagnostic", "m"}).first); // another group
     set(CALLHOME_ALERT_ACTION_OPC, action_rec("Test Call Home")); // not an alert
-    EXPECT_EQ(1u, count(outbox(), "\"state\": \"throttled\""));
-    EXPECT_NE(std::string::npos, svc->admin({"dump"}).second.find("\"throttled\": 1"));
+    EXPECT_EQ(1u, count("\"state\": \"throttled\""));
+    EXPECT_TRUE(in(svc->admin({"dump"}).second, "\"throttled\": 1"));
     now += 3600; // the first ones left the rolling hour
     EXPECT_EQ("alert queued for 1 profile(s)\n", svc->admin({"alert", "Syslog", "m"}).second);
     set(CALLHOME_MSG_THROTTLING_OPC, switch_rec(0)); // switched off: nothing throttled
     for (int i = 0; i < 35; ++i) {
         svc->admin({"alert", "Syslog", "m"});
     }
-    EXPECT_EQ(1u, count(outbox(), "\"state\": \"throttled\""));
+    EXPECT_EQ(1u, count("\"state\": \"throttled\""));
 }
 
+// Only alerts run their group's commands, beside the service; a restart before they ran
+// sends the message without their output.
 TEST_F(Dispatch, CommandsOfTheGroupAreAttachedWithoutBlocking) {
-    enable();
-    profile("p", 1, "Diagnostic");
+    profile("p", 1, "all");
     set(CALLHOME_USER_DEF_CMD_OPC, user_cmd_rec("Diagnostic", 1, "uname -s"));
     set(CALLHOME_USER_DEF_CMD_OPC, user_cmd_rec("Diagnostic", 2, "rm -rf /tmp/x;id"));
+    set(CALLHOME_USER_DEF_CMD_OPC, user_cmd_rec("Test", 1, "uname -s"));
+    set(CALLHOME_ALERT_ACTION_OPC, action_rec("Test Call Home"));
+    EXPECT_EQ(1u, count("\"state\": \"queued\""));
     ASSERT_EQ(0, svc->admin({"alert", "Diagnostic", "disk"}).first);
-    EXPECT_NE(std::string::npos, outbox().find("\"state\": \"composing\""));
+    EXPECT_EQ(1u, count("\"state\": \"composing\""));
     pollfd p{svc->event_fd(), POLLIN, 0};
     ASSERT_EQ(1, poll(&p, 1, 10000));
     svc->on_event();
     const std::string out = outbox();
-    EXPECT_NE(std::string::npos, out.find("\"state\": \"queued\"")) << out;
-    EXPECT_NE(std::string::npos, out.find("--- uname -s (exit status 0)\\nLinux\\n")) << out;
-    EXPECT_NE(std::string::npos,
-              out.find("--- rm -rf /tmp/x;id (not run: rm is not in allowed_commands)"));
+    EXPECT_EQ(2u, count("\"state\": \"queued\"", out)) << out;
+    EXPECT_EQ(1u, count("--- uname -s (exit status 0)\\nLinux\\n", out)) << out;
+    EXPECT_TRUE(in(out, "--- rm -rf /tmp/x;id (not run: rm is not in allowed_commands)"));
+    ASSERT_EQ(0, svc->admin({"alert", "Diagnostic", "disk"}).first);
+    open();
+    EXPECT_EQ(1u, count("--- uname -s (not run: the service stopped before it ran)"));
+    EXPECT_EQ(3u, count("\"state\": \"queued\""));
 }
 
 TEST_F(Dispatch, PeriodicInventoryOncePerDueTimeAcrossRestarts) {
-    enable();
     profile("p", 5, "Inventory");
     // Daily at 12:01, set at 12:00: due in a minute.
     set(CALLHOME_PERIODIC_INVENTORY_OPC, periodic_rec(1, 1, 12 * 60 + 1));
@@ -157,25 +158,23 @@ TEST_F(Dispatch, PeriodicInventoryOncePerDueTimeAcrossRestarts) {
     EXPECT_EQ(0, svc->timeout_ms());
     svc->on_event();
     svc->on_event();
-    EXPECT_EQ(1u, count(outbox(), "Installed packages ("));
-    EXPECT_NE(std::string::npos,
-              svc->admin({"dump"}).second.find("\"next_due\": \"2026-03-11 12:01 +0000\""));
+    EXPECT_EQ(1u, count("Installed packages ("));
+    EXPECT_TRUE(in(svc->admin({"dump"}).second, "\"next_due\": \"2026-03-11 12:01 +0000\""));
     // Restarted right after: not sent again.
     open();
     svc->on_event();
-    EXPECT_EQ(1u, count(outbox(), "Installed packages ("));
+    EXPECT_EQ(1u, count("Installed packages ("));
     // Down across the next two due times: sent once at the start.
     svc.reset();
     now += 2 * 86400 + 3600;
     open();
     svc->on_event();
     svc->on_event();
-    EXPECT_EQ(2u, count(outbox(), "Installed packages ("));
+    EXPECT_EQ(2u, count("Installed packages ("));
     // A change of the time of day reschedules from the next matching time.
     set(CALLHOME_PERIODIC_INVENTORY_OPC, periodic_rec(1, 30, 23 * 60 + 59));
     svc->on_event();
-    EXPECT_NE(std::string::npos,
-              svc->admin({"dump"}).second.find("\"next_due\": \"2026-03-12 23:59 +0000\""));
+    EXPECT_TRUE(in(svc->admin({"dump"}).second, "\"next_due\": \"2026-03-12 23:59 +0000\""));
     // Switched off: nothing is due.
     set(CALLHOME_PERIODIC_INVENTORY_OPC, periodic_rec(0, 30, 23 * 60 + 59));
     EXPECT_EQ(-1, svc->timeout_ms());

@@ -2,13 +2,13 @@
 
 Every accepted message becomes a file msg-N in --dir: "from: ADDR", one "rcpt: ADDR" line per
 accepted recipient, "auth: USER" when the client logged in, a blank line, then the message
-as received. Run with Debian's /usr/bin/python3.
+as received. --dir/ready appears once the port listens. Run with Debian's /usr/bin/python3.
 """
 import argparse
-import asyncio
 import os
+import socket
 import ssl
-import time
+import threading
 
 from aiosmtpd.controller import Controller
 from aiosmtpd.smtp import AuthResult
@@ -55,26 +55,19 @@ def authenticate(server, session, envelope, mechanism, auth_data):
     return AuthResult(success=ok, handled=False, auth_data=user if ok else None)
 
 
-async def silent():
-    async def hold(reader, writer):
-        await reader.read()  # until the client gives up
-
-    server = await asyncio.start_server(hold, "127.0.0.1", args.port)
-    async with server:
-        await server.serve_forever()
-
-
+kwargs = {}
+if args.cert:
+    context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+    context.load_cert_chain(args.cert, args.key)
+    kwargs = dict(tls_context=context, require_starttls=True)
+if args.login:
+    kwargs.update(authenticator=authenticate, auth_required=True)
 if args.silent:
-    asyncio.run(silent())
+    listener = socket.create_server(("127.0.0.1", args.port))
 else:
-    kwargs = {}
-    if args.cert:
-        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-        context.load_cert_chain(args.cert, args.key)
-        kwargs = dict(tls_context=context, require_starttls=True)
-    if args.login:
-        kwargs.update(authenticator=authenticate, auth_required=True)
-    controller = Controller(Handler(), hostname="127.0.0.1", port=args.port, **kwargs)
-    controller.start()
-    while True:
-        time.sleep(3600)
+    Controller(Handler(), hostname="127.0.0.1", port=args.port, **kwargs).start()
+open(os.path.join(args.dir, "ready"), "w").close()
+held = []
+while args.silent:
+    held.append(listener.accept()[0])  # holds every connection open, never greets
+threading.Event().wait()
