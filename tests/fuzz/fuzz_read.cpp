@@ -11,18 +11,16 @@ namespace {
 
 using callhome_fuzz::Input;
 
-void print(const char *label, const oid *name, size_t n) {
-    std::fprintf(stderr, " %s ", label);
-    for (size_t i = 0; i < n; ++i) {
-        std::fprintf(stderr, ".%lu", static_cast<unsigned long>(name[i]));
+[[noreturn]] void fail(const char *what, const std::vector<oid> &asked, const oid *answer,
+                       size_t answer_len) {
+    std::fprintf(stderr, "%s: asked ", what);
+    for (const oid a : asked) {
+        std::fprintf(stderr, ".%lu", static_cast<unsigned long>(a));
     }
-}
-
-[[noreturn]] void fail(const char *what, const std::vector<oid> &asked, const oid *answer = nullptr,
-                       size_t answer_len = 0) {
-    std::fprintf(stderr, "%s:", what);
-    print("asked", asked.data(), asked.size());
-    print("answer", answer, answer_len);
+    std::fprintf(stderr, " answer ");
+    for (size_t i = 0; i < answer_len; ++i) {
+        std::fprintf(stderr, ".%lu", static_cast<unsigned long>(answer[i]));
+    }
     std::fprintf(stderr, "\n");
     std::abort();
 }
@@ -46,10 +44,7 @@ bool index_read_as_written(const variable &vp, const std::vector<oid> &asked) {
                            asked.begin() + long(std::min(at + 2, asked.size())),
                            [](oid a) { return a <= 0x7FFFFFFF; });
     }
-    if (!profile && !address) {
-        return true;
-    }
-    if (asked.size() <= at) {
+    if ((!profile && !address) || asked.size() <= at) {
         return true;
     }
     const oid n = asked[at];
@@ -66,14 +61,6 @@ bool index_read_as_written(const variable &vp, const std::vector<oid> &asked) {
         return n == 0 || (after == 1 && asked.back() <= 0x7FFFFFFF);
     }
     return true;
-}
-
-void touch(const u_char *value, size_t len) {
-    if (len > 65536) {
-        std::abort();
-    }
-    static std::vector<u_char> sink;
-    sink.assign(value, value + len); // ASan sees any read past the value's storage
 }
 
 } // namespace
@@ -106,10 +93,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (!exact && !inside && !before) {
             continue;
         }
-        oid name[MAX_OID_LEN];
+        const oid *from = before ? vp.name : asked.data();
         size_t len = before ? vp.namelen : asked.size();
-        std::copy(before ? vp.name : asked.data(), (before ? vp.name : asked.data()) + len, name);
-        std::vector<oid> given(name, name + len);
+        const std::vector<oid> given(from, from + len);
+        oid name[MAX_OID_LEN];
+        std::copy(given.begin(), given.end(), name);
         size_t var_len = 0;
         WriteMethod *write = nullptr;
         const u_char *value = vp.findVar(&vp, name, &len, exact, &var_len, &write);
@@ -119,7 +107,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             }
             continue;
         }
-        touch(value, var_len);
+        if (var_len > 65536) {
+            fail("value longer than any object's", asked, name, len);
+        }
+        static std::vector<u_char> sink; // ASan sees any read past the value's storage
+        sink.assign(value, value + var_len);
         if (exact) {
             if (std::vector<oid>(name, name + len) != given && index_read_as_written(vp, given)) {
                 fail("GET answered for another name", asked, name, len);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // The module's headers first: the platform's test hooks name their container type.
@@ -53,32 +54,31 @@ inline void start_module() {
         return;
     }
     started = true;
+    using namespace callhome_test;
     platform::reset_for_tests();
-    static callhome_test::ServiceChannel channel;
+    static ServiceChannel channel;
     platform::set_trap_sink([](const oid *, size_t, netsnmp_variable_list *) {});
     platform::set_snmp_context("fuzz", 1);
     platform::set_debug_output(std::getenv("FUZZ_DEBUG") != nullptr);
     init_callhome_mib();
-    using callhome_test::int_vb;
-    using callhome_test::str_vb;
-    const auto ok = [](std::vector<callhome_test::Varbind> vbs) {
-        const auto r = callhome_test::run_set(vbs);
-        if (r.status != 0) { // the seed rows must exist for the targets to mean anything
-            std::fprintf(stderr, "seed SET %zu failed: status %d in phase %d\n",
-                         size_t(vbs[0].name.back()), r.status, r.phase);
+    // The seed rows must exist for the targets to mean anything.
+    const auto ok = [](std::vector<Varbind> vbs) {
+        const auto r = run_set(vbs);
+        if (r.status != 0) {
+            std::fprintf(stderr, "seed SET failed: status %d in phase %d\n", r.status, r.phase);
             std::abort();
         }
     };
     for (const char *name : {"ops", "a", "zz"}) {
-        ok({int_vb(callhome_test::profile_oid(callhome_test::kProfileStatus, name), 4)});
-        ok({int_vb(callhome_test::email_oid(callhome_test::kEmailStatus, name, 1), 4),
-            str_vb(callhome_test::email_oid(callhome_test::kEmailAddr, name, 1), "x@y.org")});
+        ok({int_vb(profile_oid(kProfileStatus, name), 4)});
+        ok({int_vb(email_oid(kEmailStatus, name, 1), 4),
+            str_vb(email_oid(kEmailAddr, name, 1), "x@y.org")});
     }
-    ok({int_vb(callhome_test::command_oid(callhome_test::kCommandStatus, 1, 1), 4),
-        str_vb(callhome_test::command_oid(callhome_test::kCommand, 1, 1), "show clock")});
-    ok({int_vb(callhome_test::command_oid(callhome_test::kCommandStatus, 2, 3), 4),
-        str_vb(callhome_test::command_oid(callhome_test::kCommand, 2, 3), "show log")});
-    ok({str_vb(callhome_test::profile_oid(callhome_test::kGroups, "ops"), std::string(1, '\x40'))});
+    for (const auto &[type, index, line] : {std::tuple{1, 1, "show clock"}, {2, 3, "show log"}}) {
+        ok({int_vb(command_oid(kCommandStatus, type, index), 4),
+            str_vb(command_oid(kCommand, type, index), line)});
+    }
+    ok({str_vb(profile_oid(kGroups, "ops"), std::string(1, '\x40'))});
 }
 
 // The object table entry `i` as the agent registers it: the full OID in vp.
