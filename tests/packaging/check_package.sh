@@ -24,11 +24,8 @@ cmake --build "$build" -j 2 >/dev/null
 rm -f "$build"/callhome_*.deb
 (cd "$build" && cpack -G DEB >/dev/null)
 debs=("$build"/callhome_*.deb)
-[[ -f ${debs[0]} ]] || {
-    echo "FAIL no package built"
-    exit 1
-}
 deb=${debs[0]}
+[[ -f $deb ]] || { echo "FAIL no package built"; exit 1; }
 echo "package: $deb"
 
 contents=$(dpkg-deb -c "$deb" | awk '{print $6}')
