@@ -341,6 +341,15 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {num(CALLHOMESMTPSERVERADDRTYPE, 2), str(CALLHOMESMTPSERVERADDR, kIp4)},
           {num(PERIODICSWINVENTORYTIMEOFDAY, 1)}, {str(PERIODICSWINVENTORYTIMEOFDAY, "24:00")},
           {str(PERIODICSWINVENTORYTIMEOFDAY, "9")}});
+    for (u_char m : text_scalars) { // empty, and one longer than allowed
+        const bool phone = m == SYSCONTACTPHONENUMBER;
+        sets({{str(m, "")}, {str(m, phone ? "+" + std::string(17, '1') : std::string(256, 'x'))}});
+    }
+    for (u_char m : int_scalars) { // the other integer type
+        set({num(m, 1, is_gauge(m) ? I : U)});
+    }
+    sets({{str(CALLHOMESMTPSERVERADDR, "")}, {str(CALLHOMESMTPSERVERADDR, std::string(256, 'h'))},
+          {str(PERIODICSWINVENTORYTIMEOFDAY, "")}, {str(PERIODICSWINVENTORYTIMEOFDAY, "12:345")}});
     step("scalar writes while the distribution service is enabled");
     platform::set_distribution(true, 0);
     set({num(PERIODICSWINVENTORYMSGENABLE, 1)});
@@ -359,20 +368,23 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {prof(PS, "p2", 4), prof(PF, "p2", 3)}, {prof(PF, "ops", 1)}, {prof(PM, "ops", 9000)},
           {prof(PL, "ops", 3)}, {prof(PS, "ops", 1)}, {prof(PS, "p2", 6)}});
     step("profile refusals");
-    for (const std::string &name : {std::string("xml"), std::string(" p"), std::string("")}) {
+    for (const std::string &name : {std::string("xml"), std::string(" p"), std::string("p "),
+                                     std::string(""), std::string("full_txt")}) {
         sets({{prof(PS, name, 4)}, {prof(PS, name, 6)}});
     }
     fail(PO, GET_REQ, CALLHOME_UNKNOWN_ENTRY); // a built-in row unseen
     sets({{prof(PS, "short_txt", 4)}, {prof(PS, "ops", 4)}, {prof(PS, "new", 2)},
           {prof(PS, "new", 1)}, {str(PS, "4", text_index("new"))}, {five(PS, text_index("new"), 4)},
           {prof(PM, "ops", 1000001)}, {num(PM, 1, I, text_index("ops"))},
-          {five(PM, text_index("ops"), 1, U)}});
+          {five(PM, text_index("ops"), 1, U)}, {prof(PS, "new", 0)}, {prof(PS, "new", 3)},
+          {prof(PS, "new", 5)}, {prof(PS, "new", 7)}, {prof(PS, "ops", 2)}});
     for (u_char m : {PF, PL, PT}) {
         sets({{prof(m, "ops", 0)}, {str(m, "1", text_index("ops"))},
               {five(m, text_index("ops"), 1)}, {prof(m, "ghost", 1)}, {prof(m, "xml", 1)}});
     }
     sets({{prof(PT, "ops", 1)}, {num(PF, 1, I, {5, 'o'})}, {num(PM, 1, U, {5, 'o'})},
-          {num(PL, 1, I, {5, 'o'})}, {prof(PS, "new", 4), prof(PL, "new", 11)}});
+          {num(PL, 1, I, {5, 'o'})}, {prof(PS, "new", 4), prof(PL, "new", 11)},
+          {prof(PF, "ops", 4)}, {prof(PL, "ops", 11)}, {prof(PT, "ops", 2)}});
     step("profile writes the service or the containers fail");
     failing(PO, SET_REQ, CALLHOME_ERR_NO_MEMORY, {prof(PS, "p3", 4)});
     failing(PO, GET_REQ, INVALID, {prof(PS, "ops", 6)}, 1);
@@ -414,7 +426,7 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {str(CS, "4", {1, 3})}, {five(CS, {1, 3}, 4)},
           {cmd(1, 3, 4), cli(1, 3, std::string(600, 'c'))}, {num(CC, 1, I, {1, 3})},
           {cli(1, 1, "show run")}, {cli(1, 3, "show run")}, {num(CC, 1, ASN_OCTET_STR, {1})},
-          {str(CC, "x", {1, 3, 3})}});
+          {str(CC, "x", {1, 3, 3})}, {cmd(1, 1, 2)}});
     step("user command writes the service or the containers fail, and UNDO");
     failing(CO, SET_REQ, INVALID, {cmd(1, 4, 4), cli(1, 4, "show log")});
     failing(CO, DELETE_REQ, -1, {cmd(1, 1, 6)});
