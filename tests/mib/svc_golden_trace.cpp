@@ -28,15 +28,7 @@ const std::string kGolden = CALLHOME_GOLDEN_DIR "/trace.txt";
 
 // The OID of object `magic` as the object table names it, followed by `tail`.
 Oid object_oid(u_char magic, const Oid &tail = {}) {
-    for (const auto &v : callhome_mib_variables) {
-        if (v.magic == magic) {
-            Oid o = mib_oid(Oid(v.name, v.name + v.namelen));
-            o.insert(o.end(), tail.begin(), tail.end());
-            return o;
-        }
-    }
-    ADD_FAILURE() << "no object " << int(magic);
-    return {};
+    return arcs_of(magic) + tail;
 }
 
 // One trace record per line: its level, then the text with \ and control characters escaped.
@@ -76,6 +68,7 @@ class GoldenTrace : public ::testing::Test {
   protected:
     void SetUp() override {
         platform::set_snmp_context("admin", 9);
+        callhome_email_conf = {}; // what earlier tests in this process left is sent in requests
         platform::set_trap_sink([](const oid *, size_t, netsnmp_variable_list *) {});
         platform::set_transport([this](const platform::CmiRequest &r) { return serve(r); });
     }
@@ -106,8 +99,13 @@ class GoldenTrace : public ::testing::Test {
             reply = used->reply;
             faults_.erase(used);
         }
-        out_ << "> request " << r.opcode << '/' << r.msg_type << " answered " << reply.status
-             << (reply.has_record ? " with a record\n" : "\n");
+        // The leading text of the record names what is asked for (info name, profile).
+        const auto *text = reinterpret_cast<const char *>(r.record.data());
+        const size_t n =
+            r.record.empty() ? 0 : strnlen(text, std::min<size_t>(r.record.size(), 40));
+        out_ << "> request " << r.opcode << '/' << r.msg_type << ' '
+             << shown(reinterpret_cast<const u_char *>(text), n, ASN_OCTET_STR) << " answered "
+             << reply.status << (reply.has_record ? " with a record\n" : "\n");
         return reply;
     }
 
@@ -130,28 +128,16 @@ class GoldenTrace : public ::testing::Test {
 
     // A read as the agent makes it: exact GET, or GETNEXT from `name` within the object.
     void read(u_char magic, const Oid &tail, int exact) {
-        const Oid base = object_oid(magic);
-        for (const auto &v : callhome_mib_variables) {
-            if (v.magic != magic) {
-                continue;
-            }
-            variable vp{v.magic, char(v.type), v.acl, v.findVar, u_char(base.size()), {}};
-            std::copy(base.begin(), base.end(), vp.name);
-            oid name[MAX_OID_LEN];
-            Oid request = base;
-            request.insert(request.end(), tail.begin(), tail.end());
-            std::copy(request.begin(), request.end(), name);
-            size_t length = request.size(), var_len = 0;
-            WriteMethod *wm = nullptr;
-            const u_char *value = v.findVar(&vp, name, &length, exact, &var_len, &wm);
-            collect();
-            out_ << "= " << shown(value, var_len, v.type) << " at";
-            const bool below = length >= base.size() && std::equal(base.begin(), base.end(), name);
-            for (size_t i = below ? base.size() : 0; i < length; ++i) {
-                out_ << '.' << name[i];
-            }
-            out_ << '\n';
+        const Read r = fetch(magic, tail, exact);
+        collect();
+        out_ << "= " << shown(r.value, r.var_len, column(magic).type) << " at";
+        const Oid base = arcs_of(magic), now = r.oid_now();
+        const bool below =
+            now.size() >= base.size() && std::equal(base.begin(), base.end(), now.begin());
+        for (size_t i = below ? base.size() : 0; i < now.size(); ++i) {
+            out_ << '.' << now[i];
         }
+        out_ << '\n';
     }
     void get(u_char magic, const Oid &tail = {0}) { read(magic, tail, 1); }
     void next(u_char magic, const Oid &tail = {}) { read(magic, tail, 0); }
@@ -315,6 +301,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     get(CALLHOMESMTPSERVERADDR);
     step("scalar reads of instances that do not exist");
     get(CALLHOMEENABLE, {1});
+    get(CALLHOMEENABLE, {});
+    get(CALLHOMEENABLE, {0, 1});
     next(CALLHOMEENABLE);
 
     // clang-format off
@@ -350,6 +338,16 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     }
     sets({{str(CALLHOMESMTPSERVERADDR, "")}, {str(CALLHOMESMTPSERVERADDR, std::string(256, 'h'))},
           {str(PERIODICSWINVENTORYTIMEOFDAY, "")}, {str(PERIODICSWINVENTORYTIMEOFDAY, "12:345")}});
+    for (const char *at : {"12:60", "-1:30", "9:30", "0930", "12:", "12:ab", "ab:12"}) {
+        set({str(PERIODICSWINVENTORYTIMEOFDAY, at)});
+    }
+    // The address must fit the type; the last two leave the record as the step found it.
+    for (const auto &[type, address] : std::vector<std::pair<long, std::string>>{
+             {2, std::string("\x20\x01\x0D\xB8\0\0\0\0\0\0\0\0\0\0\0\x01", 16)},
+             {16, "mail.example.com"}, {16, std::string(255, 'h')}, {1, std::string(16, '\x01')},
+             {1, kIp4}, {2, kIp4}}) {
+        set({num(CALLHOMESMTPSERVERADDRTYPE, type), str(CALLHOMESMTPSERVERADDR, address)});
+    }
     step("scalar writes while the distribution service is enabled");
     platform::set_distribution(true, 0);
     set({num(PERIODICSWINVENTORYMSGENABLE, 1)});
