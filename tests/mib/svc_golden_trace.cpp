@@ -224,24 +224,20 @@ Varbind str(u_char magic, const std::string &s, const Oid &tail = {0}) {
 Varbind five(u_char magic, const Oid &tail, uint8_t b, u_char type = I) {
     return {object_oid(magic, tail), type, Bytes(5, b)};
 }
-Varbind prof(u_char magic, const std::string &name, long v) {
-    return num(magic, v, magic == PM ? U : I, text_index(name));
-}
-Varbind mail(const std::string &name, oid i, long v) {
-    return num(ES, v, I, text_index(name, {i}));
-}
-Varbind addr(const std::string &name, oid i, const std::string &a) {
-    return str(EA, a, text_index(name, {i}));
-}
-Varbind cmd(oid type, oid i, long v) {
-    return num(CS, v, I, {type, i});
-}
-Varbind cli(oid type, oid i, const std::string &c) {
-    return str(CC, c, {type, i});
-}
-Varbind groups(const std::string &name, Bytes v) {
-    return {object_oid(AG, text_index(name)), ASN_OCTET_STR, std::move(v)};
-}
+const auto prof = [](u_char m, const std::string &name, long v) {
+    return num(m, v, m == PM ? U : I, text_index(name));
+};
+const auto mail = [](const std::string &n, oid i, long v) {
+    return num(ES, v, I, text_index(n, {i}));
+};
+const auto addr = [](const std::string &n, oid i, const std::string &a) {
+    return str(EA, a, text_index(n, {i}));
+};
+const auto cmd = [](oid type, oid i, long v) { return num(CS, v, I, {type, i}); };
+const auto cli = [](oid type, oid i, const std::string &c) { return str(CC, c, {type, i}); };
+const auto groups = [](const std::string &name, Bytes v) {
+    return Varbind{object_oid(AG, text_index(name)), ASN_OCTET_STR, std::move(v)};
+};
 
 TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     const u_char text_scalars[] = {
