@@ -337,6 +337,13 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     for (const char *at : {"12:60", "-1:30", "9:30", "0930", "12:", "12:ab", "ab:12"}) {
         set({str(PERIODICSWINVENTORYTIMEOFDAY, at)});
     }
+    for (u_char m : text_scalars) { // no space at either end
+        sets({{str(m, " lead")}, {str(m, "trail ")}, {str(m, " ")}});
+    }
+    // The phone number: '+', then digits, spaces and dashes.
+    for (const char *phone : {"+", "+1 800-555 ", "+ ", "1800", " +1800", "+1800x", "+1(800)", "++1"}) {
+        set({str(SYSCONTACTPHONENUMBER, phone)});
+    }
     // The address must fit the type; the last two leave the record as the step found it.
     for (const auto &[type, address] : std::vector<std::pair<long, std::string>>{
              {2, std::string("\x20\x01\x0D\xB8\0\0\0\0\0\0\0\0\0\0\0\x01", 16)},
