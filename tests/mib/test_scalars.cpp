@@ -153,65 +153,39 @@ class Scalars : public ::testing::Test {
 
 /* ---- Reads --------------------------------------------------------------------------- */
 
-// Every object read from the service: one request of its kind, a fresh zeroed record (the
-// e-mail record is the persistent one) with the info name, and no user or session. A
-// distribution read unless the show-run mode is set, except for the status. The write handler
-// is handed back even when the read fails (as every read here does), to writable objects only.
+// Every object read from the service (which request, with which info name, the golden session
+// pins): one request that wants a record, a fresh zeroed record (the e-mail record is the
+// persistent one), and no user or session. A distribution read unless the show-run mode is set,
+// except for the status. The write handler is handed back even when the read fails (as every
+// read here does), to writable objects only.
 TEST_F(Scalars, ReadEachServiceScalarSendsItsRequest) {
-    const int info = CALLHOME_INFO_OPC, stat = CALLHOME_STATUS_OPC, mail = CALLHOME_EMAIL_CONF_OPC,
-              inventory = CALLHOME_PERIODIC_INVENTORY_OPC;
-    const std::map<int, size_t> length = {{info, 2305},
-                                          {stat, 2068},
-                                          {mail, 1033},
-                                          {inventory, 13},
-                                          {CALLHOME_ENABLE_OPC, 5},
-                                          {CALLHOME_MSG_THROTTLING_OPC, 5}};
-    const std::tuple<u_char, int, const char *> cases[] = {
-        {SYSCONTACTPHONENUMBER, info, "sysContactPhoneNumber"},
-        {SYSCONTACTEMAILADDRESS, info, "sysContactEmail"},
-        {SYSSTREETADDRESS, info, "sysStreetAddress"},
-        {CALLHOMECUSTOMERID, info, "custId"},
-        {CALLHOMECONTRACTID, info, "contractId"},
-        {CALLHOMESITEID, info, "siteId"},
-        {CALLHOMEDEVICESERVICEPRIORITY, info, "priority"},
-        {CALLHOMEENABLE, CALLHOME_ENABLE_OPC, ""},
-        {CALLHOMEMESSAGESTATUS, stat, ""},
-        {CALLHOMEERRORMESSAGE, stat, ""},
-        {CALLHOMELASTALERTSENTTIME, stat, ""},
-        {CALLHOMEALERTSSENTCOUNT, stat, ""},
-        {CALLHOMEEMAILFROM, mail, ""},
-        {CALLHOMEEMAILREPLYTO, mail, ""},
-        {CALLHOMEEMAILMSGDISPNOTIFICATION, mail, ""},
-        {CALLHOMESMTPSERVERADDRTYPE, mail, ""},
-        {CALLHOMESMTPSERVERADDR, mail, ""},
-        {CALLHOMESMTPSERVERPORT, mail, ""},
-        {PERIODICSWINVENTORYMSGENABLE, inventory, ""},
-        {PERIODICSWINVENTORYTIMEFRAME, inventory, ""},
-        {PERIODICSWINVENTORYTIMEOFDAY, inventory, ""},
-        {MSGTHROTTLINGENABLE, CALLHOME_MSG_THROTTLING_OPC, ""}};
-    platform::set_snmp_context("operator", 77); // scalar reads pass neither
     channel.set_default(failed_errno(EIO));
-    for (const auto &[magic, opcode, info_name] : cases) {
-        SCOPED_TRACE(int(magic));
-        bool writable = false;
-        for (const auto &v : callhome_mib_variables) {
-            writable |= v.magic == magic && v.acl == NETSNMP_OLDAPI_RWRITE;
+    for (const auto &v : callhome_mib_variables) {
+        if (v.findVar != get_callhome_mib) {
+            continue;
         }
+        SCOPED_TRACE(int(v.magic));
         for (const auto &[enabled, mode] : {std::pair{false, 0}, {true, 1}, {true, 0}}) {
             channel.clear();
             platform::set_distribution(enabled, mode);
-            get(magic);
+            get(v.magic);
+            if (channel.count() == 0) { // answered by the module itself
+                continue;
+            }
             ASSERT_EQ(channel.count(), 1u);
             const auto &r = channel.last();
-            const bool distributed = enabled && mode == 0 && opcode != stat;
-            EXPECT_EQ(std::make_tuple(r.opcode, r.msg_type, r.wants_record, r.user_null),
-                      std::make_tuple(opcode, distributed ? int{VELD_GET_REQ} : int{GET_REQ}, true,
-                                      true));
-            EXPECT_EQ(std::make_tuple(r.session, r.client, r.wait), std::make_tuple(0u, 0, 2));
-            std::vector<uint8_t> expected(length.at(opcode), 0);
-            memcpy(expected.data(), info_name, strlen(info_name));
-            EXPECT_EQ(opcode == mail ? std::vector<uint8_t>(r.record.size()) : r.record, expected);
-            EXPECT_EQ(write_method != nullptr, writable);
+            const bool distributed = enabled && mode == 0 && r.opcode != CALLHOME_STATUS_OPC;
+            EXPECT_EQ(std::make_tuple(r.msg_type, r.wants_record, r.user_null, r.session, r.client,
+                                      r.wait),
+                      std::make_tuple(distributed ? int{VELD_GET_REQ} : int{GET_REQ}, true, true,
+                                      0u, 0, 2));
+            const size_t name = r.opcode == CALLHOME_INFO_OPC
+                                    ? strnlen(reinterpret_cast<const char *>(r.record.data()), 64)
+                                : r.opcode == CALLHOME_EMAIL_CONF_OPC ? r.record.size()
+                                                                      : 0;
+            EXPECT_EQ(std::count(r.record.begin() + name, r.record.end(), 0),
+                      long(r.record.size() - name));
+            EXPECT_EQ(write_method != nullptr, v.acl == NETSNMP_OLDAPI_RWRITE);
         }
     }
 }
@@ -279,14 +253,6 @@ TEST_F(Scalars, ReadValuesAndDefaults) {
     }
 }
 
-// Only the instance .0 of a scalar exists.
-TEST_F(Scalars, ReadOnlyInstanceZero) {
-    EXPECT_NE(get(CALLHOMEDESTPROFILEMAXCOUNT), "<none>");
-    for (const std::vector<oid> &extra : {std::vector<oid>{}, {0, 1}, {1}}) {
-        EXPECT_EQ(get(CALLHOMEDESTPROFILEMAXCOUNT, extra), "<none>") << extra.size();
-    }
-}
-
 TEST_F(Scalars, ReadEmailAnswerIsKeptInHostOrder) {
     callhome_email_conf = {};
     channel.set_default(email(CALLHOME_ADDR_DNS, "mail.example.com", 587));
@@ -347,25 +313,19 @@ TEST_F(Scalars, ReadPeriodicInventoryReadForAWrite) {
 /* ---- Writes -------------------------------------------------------------------------- */
 
 // set_Scalar sends a SET that wants no answer record, with the user and session of the
-// request, between two heartbeat calls; failures are traced and logged, except refused input,
-// which goes to the error record instead.
+// request, between two heartbeat calls; failures are logged (refused input and a failed
+// channel: the golden session).
 TEST_F(Scalars, WriteSetScalarOutcomes) {
-    struct Case {
-        int status, err, expected;
-        bool logged; // refused input goes to the error record instead
-    };
-    const Case cases[] = {{0, 0, SNMP_ERR_NOERROR, true},
-                          {CALLHOME_UNKNOWN_ENTRY, 0, SNMP_ERR_NOSUCHNAME, true},
-                          {CALLHOME_ERR_NO_MEMORY, 0, SNMP_ERR_GENERR, true},
-                          {-1, EIO, SNMP_ERR_GENERR, true},
-                          {CALLHOME_ERR_INVALID_INPUT, 0, SNMP_ERR_GENERR, false}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.status);
+    const std::pair<int, int> cases[] = {{0, SNMP_ERR_NOERROR},
+                                         {CALLHOME_UNKNOWN_ENTRY, SNMP_ERR_NOSUCHNAME},
+                                         {CALLHOME_ERR_NO_MEMORY, SNMP_ERR_GENERR}};
+    for (const auto &[status, expected] : cases) {
+        SCOPED_TRACE(status);
         platform::clear_errors();
         platform::clear_heartbeat_state();
-        answer(c.status, c.err);
+        channel.answer_status(status);
         char record[] = "abc";
-        EXPECT_EQ(set_Scalar(CALLHOME_INFO_OPC, 4, record, 10), c.expected);
+        EXPECT_EQ(set_Scalar(CALLHOME_INFO_OPC, 4, record, 10), expected);
         const auto &r = channel.last();
         EXPECT_EQ(
             std::make_tuple(r.opcode, r.msg_type, r.record, r.wants_record),
@@ -374,60 +334,43 @@ TEST_F(Scalars, WriteSetScalarOutcomes) {
                   std::make_tuple(std::string("operator"), 77u, 0, 10));
         EXPECT_EQ(platform::heartbeat_state(), (platform::HeartbeatState{false, 2}));
         EXPECT_EQ(platform::last_set_error(),
-                  c.status && c.logged ? std::make_pair(c.status, 472) : std::make_pair(0, 0));
-        EXPECT_EQ(platform::last_snmp_error(),
-                  c.logged ? std::make_pair(0, std::string())
-                           : std::make_pair(int32_t{CALLHOME_ERR_INVALID_INPUT},
-                                            std::string("invalid input")));
+                  status != 0 ? std::make_pair(status, 472) : std::make_pair(0, 0));
+        EXPECT_EQ(platform::last_snmp_error().first, 0);
     }
 }
 
 /* ---- RESERVE1 ----------------------------------------------------------------------------- */
 
-// Wrong types and lengths (integers may also come in 32 bits; a text's length is checked
-// before its content). Where each handler complains, standard error or the trace, and in
-// which words, is pinned by the golden trace.
+// RESERVE1 takes integers in 32 bits too and texts of their longest length (wrong types,
+// lengths and what each handler says about them are pinned by the golden session).
 TEST_F(Scalars, WriteReserve1TypeAndLength) {
-    struct Case {
-        WriteMethod *handler;
-        u_char type;
-        size_t max; // texts
-    };
     const u_char I = ASN_INTEGER, G = ASN_GAUGE, S = ASN_OCTET_STR;
-    std::vector<Case> cases = {{set_callHomeEnable, I, 0},
-                               {set_MsgThrottlingEnable, I, 0},
-                               {set_PeriodicSwInventoryMsgEnable, I, 0},
-                               {set_PeriodicSwInventoryTimeFrame, G, 0},
-                               {set_PeriodicSwInventoryTimeOfDay, S, 5},
-                               {set_callHomeDeviceServicePriority, I, 0},
-                               {set_callHomeAlertAction, I, 0},
-                               {set_callHomeSmtpServerAddrType, I, 0},
-                               {set_callHomeSmtpServerPort, G, 0},
-                               {set_callHomeSmtpServerAddr, S, 255}};
+    std::vector<std::tuple<WriteMethod *, u_char, size_t>> cases = {
+        {set_callHomeEnable, I, 0},
+        {set_MsgThrottlingEnable, I, 0},
+        {set_PeriodicSwInventoryMsgEnable, I, 0},
+        {set_PeriodicSwInventoryTimeFrame, G, 0},
+        {set_PeriodicSwInventoryTimeOfDay, S, 5},
+        {set_callHomeDeviceServicePriority, I, 0},
+        {set_callHomeAlertAction, I, 0},
+        {set_callHomeSmtpServerAddrType, I, 0},
+        {set_callHomeSmtpServerPort, G, 0},
+        {set_callHomeSmtpServerAddr, S, 255}};
     for (const auto &t : kTexts) {
-        cases.push_back({t.handler, S, t.max});
+        cases.emplace_back(t.handler, S, t.max);
     }
-    for (const auto &c : cases) {
-        SCOPED_TRACE(&c - cases.data());
-        const Value refused[] = {
-            c.type == S ? text("x", I) : num(1, c.type == I ? G : I),
-            // (An empty time of day is refused in ACTION, as a bad format.)
-            c.type == S ? text(c.max == 5 ? "12:3456" : "") : num(1, c.type, 5),
-            c.type == S ? text(std::string(c.max + 1, '+')) : num(1, c.type, 9)};
-        for (const Value &v : refused) {
-            EXPECT_EQ(run(c.handler, RESERVE1, v),
-                      v.type == c.type ? SNMP_ERR_WRONGLENGTH : SNMP_ERR_WRONGTYPE);
-        }
-        EXPECT_EQ(run(c.handler, RESERVE1,
-                      c.type == S ? text("+" + std::string(c.max - 1, '7')) : num(1, c.type, 4)),
+    for (const auto &[handler, type, max] : cases) {
+        SCOPED_TRACE(max);
+        EXPECT_EQ(run(handler, RESERVE1,
+                      type == S ? text("+" + std::string(max - 1, '7')) : num(1, type, 4)),
                   0);
         // The other phases check nothing and send nothing (the SMTP server's RESERVE2 aside),
         // and a phase number above UNDO is accepted at once.
         const bool smtp =
-            c.handler == set_callHomeSmtpServerAddr || c.handler == set_callHomeSmtpServerAddrType;
+            handler == set_callHomeSmtpServerAddr || handler == set_callHomeSmtpServerAddrType;
         for (int action : {RESERVE2, COMMIT, FREE, UNDO, UNDO + 1}) {
             if (!smtp || action == UNDO + 1) {
-                EXPECT_EQ(run(c.handler, action, c.type == S ? text(" bad ", I) : num(99, S)), 0)
+                EXPECT_EQ(run(handler, action, type == S ? text(" bad ", I) : num(99, S)), 0)
                     << action;
             }
         }
@@ -463,30 +406,13 @@ TEST_F(Scalars, WriteReserve1Values) {
         }
     }
 
-    // SnmpAdminString: no space at either end (the phone number has its own rule).
+    // Spaces inside a text and a phone number are taken (the refused texts and phone numbers:
+    // the golden session).
     for (const auto &c : kTexts) {
-        for (const char *bad : {" lead", "trail ", " "}) {
-            EXPECT_EQ(run(c.handler, RESERVE1, text(bad)),
-                      c.max == 17 ? SNMP_ERR_GENERR : SNMP_ERR_WRONGVALUE)
-                << c.object << bad;
-        }
         EXPECT_EQ(run(c.handler, RESERVE1, text(c.max == 17 ? "+1 2" : "in\tside")), 0);
     }
     EXPECT_EQ(run(set_callHomeSmtpServerAddr, RESERVE1, text(" any ")), 0); // type not known yet
     EXPECT_EQ(run(set_PeriodicSwInventoryTimeOfDay, RESERVE1, text("24:00")), 0); // see ACTION
-    // The phone number: '+', then digits, spaces and dashes; a bad one goes to the error
-    // record, not the trace.
-    for (const char *phone :
-         {"+", "+1 800-555 ", "+ ", "1800", " +1800", "+1800x", "+1(800)", "++1"}) {
-        const bool good = phone[0] == '+' && strpbrk(phone + 1, "+x(") == nullptr;
-        platform::clear_errors();
-        platform::clear_trace_history();
-        EXPECT_EQ(run(set_sysContactPhoneNumber, RESERVE1, text(phone)), good ? 0 : SNMP_ERR_GENERR)
-            << phone;
-        EXPECT_EQ(platform::last_snmp_error().first, good ? 0 : CALLHOME_ERR_INVALID_INPUT);
-        EXPECT_TRUE(platform::trace_history().empty());
-    }
-    EXPECT_EQ(platform::last_snmp_error().second, "invalid input");
     EXPECT_EQ(channel.count(), 0u);
 }
 
@@ -593,18 +519,11 @@ TEST_F(Scalars, WriteSmtpAddressMustFitTheType) {
     EXPECT_EQ(run(set_callHomeSmtpServerAddrType, RESERVE2, num(2)), 0);
     EXPECT_EQ(callhome_email_conf.address_type, 2u);
 
-    const std::string v4("\xC0\x00\x02\x0A", 4), name255(255, 'h');
-    const std::string v6("\x20\x01\x0D\xB8\0\0\0\0\0\0\0\0\0\0\0\x01", 16);
-    // {type, address, text stored by RESERVE2; null: refused}
+    // {type, address, text stored by RESERVE2; null: refused}; the other types and lengths
+    // are in the golden session.
+    const std::string v4("\xC0\x00\x02\x0A", 4);
     const std::tuple<uint32_t, std::string, const char *> cases[] = {
-        {1, v4, "192.0.2.10"},
-        {1, std::string(16, '\x01'), nullptr},
-        {2, v6, "2001:db8::1"},
-        {2, v4, nullptr},
-        {16, "mail.example.com", "mail.example.com"},
-        {16, name255, name255.c_str()},
-        {0, "mail.example.com", nullptr},
-        {3, v4, nullptr}};
+        {1, v4, "192.0.2.10"}, {0, "mail.example.com", nullptr}, {3, v4, nullptr}};
     for (const auto &[type, value, stored] : cases) {
         SCOPED_TRACE(std::to_string(type) + " / " + std::to_string(value.size()));
         strcpy(callhome_email_conf.smtp_server, "unchanged");
@@ -671,16 +590,6 @@ TEST_F(Scalars, WritePeriodicWritesKeepTheOtherFields) {
             std::make_tuple(set.opcode, set.msg_type, set.wait, set.wants_record, set.record),
             std::make_tuple(int{CALLHOME_PERIODIC_INVENTORY_OPC}, int{SET_REQ}, 10, false, c.sent));
     }
-}
-
-// The time of day is checked in ACTION, before anything is read or sent.
-TEST_F(Scalars, WriteTimeOfDayIsCheckedInAction) {
-    for (const char *value :
-         {"24:00", "12:60", "-1:30", "9:30", "0930", "12:", "12:ab", "ab:12", ""}) {
-        EXPECT_EQ(run(set_PeriodicSwInventoryTimeOfDay, ACTION, text(value)), SNMP_ERR_WRONGVALUE)
-            << value;
-    }
-    EXPECT_EQ(channel.count(), 0u);
 }
 
 } // namespace

@@ -226,10 +226,6 @@ TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
         {E, text("ab") + Arcs{1}, 1, {{EO, {R(email_rec("ab", 1, "noc@x"))}}}, "noc@x", text("ab") + Arcs{1}, EO, GET_REQ, "ab/1"},
         {E, text(n40) + Arcs{2}, 1, {}, "none", text(n40) + Arcs{2}, EO, GET_REQ, n40 + "/2"},
         {CALLHOMEDESTEMAILADDRESSSTATUS, text("ab") + Arcs{1}, 0, {{EO, {R(email_rec("cd", 3, "x"))}}}, "1", text("cd") + Arcs{3}, EO, GETNEXT_REQ, "ab/1"},
-        // Alert-group types: GET by index, GETNEXT, the end of the table.
-        {T, {2}, 1, {}, "Inventory", {2}, TO, GET_REQ, "2"},
-        {T, {1}, 0, {}, "Inventory", {2}, TO, GETNEXT_REQ, "1"},
-        {T, {4}, 0, {}, "none", {4}, TO, GETNEXT_REQ, "4"},
         // A profile's groups as bits from the most significant of the first octet (Syslog 1,
         // Inventory 2, Environmental 3, Test 4), gathered until another profile's row or the
         // end; a failure or a success without record gives nothing; a GETNEXT moves on to the

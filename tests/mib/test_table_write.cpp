@@ -64,13 +64,11 @@ const auto groups = [](Bytes v, const std::string &p = "old") {
 };
 const auto grp = [](const std::string &g) { return group_row("old", g); };
 
-constexpr int kR1 = RESERVE1, kR2 = RESERVE2, kAct = ACTION, kGenErr = SNMP_ERR_GENERR;
-constexpr int kIncons = SNMP_ERR_INCONSISTENTVALUE, kWrongValue = SNMP_ERR_WRONGVALUE,
-              kNoSuch = SNMP_ERR_NOSUCHNAME, kWrongType = SNMP_ERR_WRONGTYPE,
-              kWrongLen = SNMP_ERR_WRONGLENGTH;
+constexpr int kAct = ACTION, kGenErr = SNMP_ERR_GENERR, kIncons = SNMP_ERR_INCONSISTENTVALUE,
+              kWrongValue = SNMP_ERR_WRONGVALUE, kNoSuch = SNMP_ERR_NOSUCHNAME;
 constexpr uint8_t kConf = 0x40, kDiag = 0x20, kInv = 0x10, kAll = 0x70; // types 1, 2, 3
 
-struct Fault { // opcode -1: the container refuses the next add
+struct Fault {
     int opcode = 0, msg_type = 0, status = 0, skip = 0;
 };
 struct Case {
@@ -129,79 +127,14 @@ TEST_F(TableWrite, RequestsSendExactlyTheseWritesAndFailuresPutEverythingBack) {
             .vbs = {cmd(1, 2, 6), cmd(2, 1, 4), cli(2, 1, "show log"), cli(1, 4, "ghost")},
             .status = kNoSuch, .phase = kAct,
             .writes = {del(kCmd), command_row("Diagnostic", 1, "show log"), kCmd, del(command_row("Diagnostic", 1, "", 0))}},
-        // Profile refusals.
-        {.what = "create xml", .vbs = {prow("xml", 4)}, .status = kGenErr, .phase = kR1,
+        // Refusals (the others are pinned by the golden session, where "xml" exists): an empty
+        // row is deleted again with the key alone.
+        {.what = "create xml", .vbs = {prow("xml", 4)}, .status = kGenErr, .phase = RESERVE1,
             .error = CALLHOME_ERR_BAD_PROFILE_NAME},
-        {.what = "create short_txt", .vbs = {prow("short_txt", 4)}, .status = kGenErr, .phase = kR1,
-            .error = CALLHOME_ERR_BAD_PROFILE_NAME},
-        {.what = "leading space", .vbs = {prow(" p", 4)}, .status = kGenErr, .phase = kR1,
-            .error = CALLHOME_ERR_BAD_PROFILE_NAME},
-        {.what = "trailing space", .vbs = {prow("p ", 4)}, .status = kGenErr, .phase = kR1,
-            .error = CALLHOME_ERR_BAD_PROFILE_NAME},
-        {.what = "destroy full_txt", .vbs = {prow("full_txt", 6)}, .status = kGenErr, .phase = kR1,
-            .error = CALLHOME_ERR_BUILTIN_PROFILE},
-        {.what = "format of xml", .vbs = {prof(kFormat, "xml", 2)}, .status = SNMP_ERR_NOTWRITABLE,
-            .phase = kR1},
-        {.what = "create existing", .vbs = {prow("old", 4)}, .status = kIncons, .phase = kR1},
-        {.what = "status 0", .vbs = {prow("new", 0)}, .status = kIncons, .phase = kR1},
-        {.what = "notInService", .vbs = {prow("old", 2)}, .status = kIncons, .phase = kR1},
-        {.what = "notReady", .vbs = {prow("old", 3)}, .status = kIncons, .phase = kR1},
-        {.what = "createAndWait", .vbs = {prow("new", 5)}, .status = kIncons, .phase = kR1},
-        {.what = "status 7", .vbs = {prow("new", 7)}, .status = kIncons, .phase = kR1},
-        {.what = "status as text", .vbs = {str_vb(profile_oid(kProfileStatus, "new"), "4")},
-            .status = kWrongType, .phase = kR1},
-        {.what = "status of 5 bytes",
-            .vbs = {{profile_oid(kProfileStatus, "new"), ASN_INTEGER, {4, 0, 0, 0, 0}}}, .status = kWrongLen,
-            .phase = kR1},
-        {.what = "size 1000001", .vbs = {prof(kMaxSize, "old", 1000001)}, .status = kWrongValue,
-            .phase = kR1},
-        {.what = "size as INTEGER", .vbs = {int_vb(profile_oid(kMaxSize, "old"), 10)}, .status = kWrongType,
-            .phase = kR1},
-        {.what = "level 0", .vbs = {prof(kLevel, "old", 0)}, .status = kWrongValue, .phase = kR1},
-        {.what = "level 11", .vbs = {prof(kLevel, "old", 11)}, .status = kWrongValue, .phase = kR1},
-        {.what = "format 0", .vbs = {prof(kFormat, "old", 0)}, .status = kWrongValue, .phase = kR1},
-        {.what = "format 4", .vbs = {prof(kFormat, "old", 4)}, .status = kWrongValue, .phase = kR1},
-        {.what = "transport 2", .vbs = {prof(kTransport, "old", 2)}, .status = kWrongValue, .phase = kR1},
-        {.what = "transport of an existing row", .vbs = {prof(kTransport, "old", 1)},
-            .status = SNMP_ERR_NOTWRITABLE, .phase = kR2},
-        {.what = "column of an unknown row", .vbs = {prof(kFormat, "new", 2)}, .status = kNoSuch,
-            .phase = kAct},
-        {.what = "active on an unknown row", .vbs = {prow("new", 1)}, .status = kIncons, .phase = kAct},
-        {.what = "good create, bad column", .vbs = {prow("new", 4), prof(kLevel, "new", 11)},
-            .status = kWrongValue, .phase = kR1},
-        // Address refusals.
         {.what = "no address", .vbs = {mail(1, 4)}, .status = kIncons, .phase = kAct,
             .writes = {del(email_row("ops", 1, "", 0))}},
-        {.what = "address of 256", .vbs = {mail(1, 4), addr(1, std::string(256, 'x'))}, .status = kWrongLen,
-            .phase = kR1},
-        {.what = "empty address", .vbs = {mail(1, 4), addr(1, "")}, .status = kWrongLen, .phase = kR1},
-        {.what = "address with a trailing space", .vbs = {mail(1, 4), addr(1, "a@b ")},
-            .status = kWrongValue, .phase = kR1},
-        {.what = "address as INTEGER", .vbs = {int_vb(email_oid(kEmailAddr, "ops", 1), 3)},
-            .status = kWrongType, .phase = kR1},
-        {.what = "address of an existing row", .vbs = {addr(7, "new@b")}, .status = kIncons, .phase = kR2},
-        {.what = "create existing address", .vbs = {mail(7, 4)}, .status = kIncons, .phase = kR1},
-        {.what = "address createAndWait", .vbs = {mail(1, 5)}, .status = kIncons, .phase = kR1},
-        {.what = "address index 0", .vbs = {mail(0, 4)}, .status = kIncons, .phase = kR1},
-        {.what = "address of a profile with a leading space", .vbs = {mail(1, 4, " ops")}, .status = kGenErr,
-            .phase = kR1, .error = CALLHOME_ERR_BAD_PROFILE_NAME},
-        {.what = "active on an unknown address", .vbs = {mail(1, 1)}, .status = kIncons, .phase = kAct},
-        // Command refusals.
         {.what = "no command", .vbs = {cmd(1, 1, 4)}, .status = kIncons, .phase = kAct,
             .writes = {del(command_row("Configuration", 1, "", 0))}},
-        {.what = "command of 600", .vbs = {cmd(1, 1, 4), cli(1, 1, std::string(600, 'c'))},
-            .status = kWrongLen, .phase = kR1},
-        {.what = "command as INTEGER", .vbs = {int_vb(command_oid(kCommand, 1, 1), 1)}, .status = kWrongType,
-            .phase = kR1},
-        {.what = "command index 6", .vbs = {cmd(1, 6, 4), cli(1, 6, "x")}, .status = kIncons, .phase = kR1},
-        {.what = "destroy command index 6", .vbs = {cmd(1, 6, 6)}, .status = kIncons, .phase = kR1},
-        {.what = "command of an unknown type", .vbs = {cmd(9, 1, 4), cli(9, 1, "x")}, .status = kIncons,
-            .phase = kR1},
-        {.what = "change a command", .vbs = {cli(1, 2, "new")}, .status = kIncons, .phase = kAct},
-        {.what = "command of an unknown row", .vbs = {cli(1, 3, "new")}, .status = kNoSuch, .phase = kAct},
-        {.what = "create existing command", .vbs = {cmd(1, 2, 4)}, .status = kIncons, .phase = kR1},
-        {.what = "command notInService", .vbs = {cmd(1, 2, 2)}, .status = kIncons, .phase = kR1},
-        {.what = "active on an unknown command", .vbs = {cmd(1, 3, 1)}, .status = kIncons, .phase = kAct},
         // The service fails in ACTION.
         {.what = "creating SET refused", .vbs = {prow("p1", 4)}, .status = kGenErr, .phase = kAct,
             .writes = {profile_row("p1"), del(profile_row("p1", 0, 0, 0, 0, 0))},
@@ -216,10 +149,6 @@ TEST_F(TableWrite, RequestsSendExactlyTheseWritesAndFailuresPutEverythingBack) {
         {.what = "address read in ACTION fails: logged only", .vbs = {mail(7, 6)}, .status = kGenErr,
             .phase = kAct, .writes = {kMail}, .logged = CALLHOME_ERR_NO_MEMORY,
             .fault = {CALLHOME_DEST_EMAIL_OPC, GET_REQ, CALLHOME_ERR_NO_MEMORY, 1}},
-        {.what = "container refuses the new row", .vbs = {prow("new", 4)}, .status = kGenErr, .phase = kR1,
-            .error = CALLHOME_ERR_INDEX_ADD, .fault = {-1}},
-        {.what = "container refuses the undo copy", .vbs = {prow("old", 6)}, .status = kGenErr, .phase = kR1,
-            .error = CALLHOME_ERR_INDEX_ADD, .fault = {-1}},
         // Alert groups: one SET or DELETE per group that changes; "all" for every known type.
         {.what = "groups: none to one", .vbs = {groups({kConf})}, .writes = {grp("Configuration")}},
         {.what = "groups: swap", .vbs = {groups({kDiag | kInv})},
@@ -240,11 +169,6 @@ TEST_F(TableWrite, RequestsSendExactlyTheseWritesAndFailuresPutEverythingBack) {
         {.what = "groups: unknown types ignored", .vbs = {groups({0x80, 0xFF})}},
         {.what = "groups: all replaced only by none", .vbs = {groups({kConf})}, .status = kWrongValue,
             .phase = kAct, .extra = {grp("all")}},
-        {.what = "groups: 9 octets", .vbs = {groups(Bytes(9, 0))}, .status = kWrongLen, .phase = kR1},
-        {.what = "groups as INTEGER", .vbs = {int_vb(profile_oid(kGroups, "old"), 1)}, .status = kWrongType,
-            .phase = kR1},
-        {.what = "groups of an unknown profile", .vbs = {groups({kConf}, "nobody")}, .status = kNoSuch,
-            .phase = kAct},
         {.what = "groups: a refused SET is only logged", .vbs = {groups({kConf | kDiag})},
             .writes = {grp("Configuration"), grp("Diagnostic")}, .logged = CALLHOME_ERR_INVALID_INPUT,
             .fault = {CALLHOME_PROFILE_ALERTGROUP_OPC, SET_REQ, CALLHOME_ERR_INVALID_INPUT}},
@@ -254,10 +178,8 @@ TEST_F(TableWrite, RequestsSendExactlyTheseWritesAndFailuresPutEverythingBack) {
         SCOPED_TRACE(c.what);
         reset(c.extra);
         const auto before = model.rows;
-        if (c.fault.opcode > 0) {
+        if (c.fault.opcode != 0) {
             model.fail(c.fault.opcode, c.fault.msg_type, c.fault.status, c.fault.skip);
-        } else if (c.fault.opcode < 0) {
-            platform::fail_next_indxobj_add();
         }
         const SetResult r = run_set(c.vbs);
         EXPECT_EQ(r.status, c.status);
