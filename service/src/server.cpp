@@ -16,6 +16,7 @@
 #include "platform/paths.hpp"
 #include "callhome/protocol.hpp"
 #include "cmi.h"
+#include "committer.hpp"
 
 namespace callhome {
 namespace {
@@ -55,11 +56,12 @@ bool someone_listens(const std::string &path) {
     return connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
 }
 
-platform::CmiRequest to_request(const fr::Frame &f) {
+// Takes the frame's body: the answer needs only the frame's header.
+platform::CmiRequest to_request(fr::Frame &f) {
     platform::CmiRequest req;
     req.opcode = f.opcode;
     req.msg_type = f.msg_type;
-    req.record = f.body;
+    req.record = std::move(f.body);
     req.wants_record = (f.flags & fr::kWantsRecord) != 0;
     req.user_null = (f.flags & fr::kUserNull) != 0;
     req.user = f.user;
@@ -120,11 +122,19 @@ Server::Server(Service &service, std::string socket_path)
         unlink(path_.c_str());
         fail("listen " + path_);
     }
-    service_.set_notifier(
-        [this](int32_t id, const std::vector<uint8_t> &payload) { broadcast(id, payload); });
+    committer_ = std::make_unique<Committer>(service_);
+    snapshot_ = service_.snapshot();
+    service_.set_notifier([this](int32_t id, const std::vector<uint8_t> &payload) {
+        if (committer_->on_thread()) {
+            committer_->post(id, payload); // the loop owns the connections
+        } else {
+            broadcast(id, payload);
+        }
+    });
 }
 
 Server::~Server() {
+    committer_.reset(); // the write in flight finishes first
     service_.set_notifier({});
     if (listen_) {
         unlink(path_.c_str());
@@ -139,13 +149,14 @@ void Server::run(int stop_fd) {
         const auto now = Clock::now();
         int timeout = -1;
         for (Conn &c : conns_) {
-            if (c.held && c.held->due <= now) {
-                const Held h = std::move(*c.held);
+            if (c.held && c.held->due <= now && !waits_for_committer(c.held->frame)) {
+                Held h = std::move(*c.held);
                 c.held.reset();
-                serve(c, h.frame);
+                serve(c, std::move(h.frame));
                 pump(c);
             }
-            if (c.held) {
+            // A due write that waits for the committer resumes when the committer wakes us.
+            if (c.held && c.held->due > now) {
                 const auto ms =
                     std::chrono::duration_cast<std::chrono::milliseconds>(c.held->due - now)
                         .count() +
@@ -154,8 +165,12 @@ void Server::run(int stop_fd) {
             }
         }
         conns_.remove_if([](const Conn &c) { return c.dead; });
-        if (const int ms = service_.timeout_ms(); ms >= 0) {
-            timeout = timeout < 0 ? ms : std::min(timeout, ms);
+        auto service_due = Clock::time_point::max();
+        if (!committer_->busy()) {
+            if (const int ms = service_.timeout_ms(); ms >= 0) {
+                timeout = timeout < 0 ? ms : std::min(timeout, ms);
+                service_due = now + std::chrono::milliseconds(ms);
+            }
         }
         // While out of descriptors the listener is not polled: it would stay readable and
         // spin the loop. Connected clients are served meanwhile.
@@ -175,6 +190,7 @@ void Server::run(int stop_fd) {
         polled.clear();
         fds.push_back({stop_fd, POLLIN, 0});
         fds.push_back({accepting ? listen_.get() : -1, POLLIN, 0});
+        fds.push_back({committer_->fd(), POLLIN, 0});
         fds.push_back({service_.event_fd(), POLLIN, 0});
         for (Conn &c : conns_) {
             short events = POLLIN;
@@ -196,10 +212,19 @@ void Server::run(int stop_fd) {
         if (fds[1].revents & POLLIN) {
             accept_clients();
         }
-        service_.on_event();
+        if (fds[2].revents & POLLIN) {
+            finish_write();
+        }
+        // The service's own work (schedule, finished commands) changes the live state: only
+        // while no write is with the committer, and the snapshot follows. A busy committer
+        // wakes the loop when done, and the event is still pending then.
+        if (!committer_->busy() && ((fds[3].revents & POLLIN) || service_due <= Clock::now())) {
+            service_.on_event();
+            snapshot_ = service_.snapshot();
+        }
         for (size_t i = 0; i < polled.size(); ++i) {
             Conn &c = *polled[i];
-            const short re = fds[i + 3].revents;
+            const short re = fds[i + 4].revents;
             if (re & POLLOUT) {
                 flush(c);
             }
@@ -247,6 +272,7 @@ void Server::accept_clients() {
         }
         conns_.emplace_back();
         conns_.back().fd = std::move(conn);
+        conns_.back().id = next_conn_id_++;
     }
 }
 
@@ -277,8 +303,42 @@ void Server::read_from(Conn &c) {
     c.inbox.push_back(std::move(*f));
 }
 
+bool Server::waits_for_committer(const fr::Frame &f) const {
+    const bool live =
+        f.kind == fr::Kind::Admin ||
+        (f.kind == fr::Kind::Request && !Service::snapshot_answers(f.opcode, f.msg_type));
+    return live && committer_->busy();
+}
+
+void Server::finish_write() {
+    auto done = committer_->take();
+    for (auto &[id, payload] : committer_->take_notifications()) {
+        broadcast(id, payload);
+    }
+    if (!done) {
+        return;
+    }
+    // A snapshot the committer could not take (out of memory) is taken here: the live
+    // service is idle again.
+    snapshot_ = done->snapshot ? std::move(done->snapshot) : service_.snapshot();
+    for (Conn &c : conns_) {
+        if (c.id == done->conn && c.writing) {
+            c.writing = false;
+            answer_request(c, done->frame, std::move(done->reply));
+            break;
+        }
+    }
+    // Whoever waited for the committer (this client or another) may go on.
+    for (Conn &c : conns_) {
+        pump(c);
+    }
+}
+
 void Server::pump(Conn &c) {
-    while (!c.dead && !c.held && !c.inbox.empty()) {
+    while (!c.dead && !c.held && !c.writing && !c.inbox.empty()) {
+        if (waits_for_committer(c.inbox.front())) {
+            return; // finish_write() pumps again
+        }
         fr::Frame f = std::move(c.inbox.front());
         c.inbox.pop_front();
         handle(c, std::move(f));
@@ -298,13 +358,13 @@ void Server::handle(Conn &c, fr::Frame &&f) {
         case FaultAction::Kind::Status: {
             platform::CmiReply r;
             r.status = fault.status;
-            answer_request(c, f, r);
+            answer_request(c, f, std::move(r));
             return;
         }
         case FaultAction::Kind::None:
             break;
         }
-        serve(c, f);
+        serve(c, std::move(f));
         return;
     }
     case fr::Kind::Subscribe:
@@ -313,12 +373,14 @@ void Server::handle(Conn &c, fr::Frame &&f) {
     case fr::Kind::Admin: {
         const auto args = protocol::split_args(f.body);
         // Faults are for tests: a production service never arms them.
+        // The committer is idle (pump saw to it): admin commands run on the live service.
         const auto [status, text] =
             !fault_injection_ && !args.empty() && args[0] == "fault"
                 ? std::pair<int, std::string>(
                       1,
                       "fault injection is off (callhomed --enable-fault-injection turns it on)\n")
                 : service_.admin(args);
+        snapshot_ = service_.snapshot();
         // Long outputs go in pieces; every piece but the last carries kAdminMore.
         size_t pos = 0;
         do {
@@ -344,7 +406,7 @@ void Server::handle(Conn &c, fr::Frame &&f) {
     }
 }
 
-void Server::serve(Conn &c, const fr::Frame &f) {
+void Server::serve(Conn &c, fr::Frame &&f) {
     const uint64_t now = fr::monotonic_ms();
     if (f.deadline_ms != 0 && now + kDeadlineMarginMs > f.deadline_ms) {
         // Its caller has stopped waiting: applying it now would change what the caller
@@ -365,10 +427,27 @@ void Server::serve(Conn &c, const fr::Frame &f) {
         send(c, reply);
         return;
     }
-    answer_request(c, f, service_.process(to_request(f)));
+    if (Service::snapshot_answers(f.opcode, f.msg_type)) {
+        if (f.session != 0) {
+            undo_.saw(f.session);
+        }
+        answer_request(c, f, service_.read(*snapshot_, to_request(f)));
+        return;
+    }
+    if (!committer_->busy()) {
+        // Reads the snapshot cannot answer are quick: the loop answers them on the live
+        // service while the committer is idle (pump saw to it).
+        if (Service::is_read(f.msg_type)) {
+            answer_request(c, f, service_.process(to_request(f)));
+            return;
+        }
+    }
+    c.writing = true;
+    auto request = to_request(f);
+    committer_->submit(c.id, std::move(f), std::move(request), std::exchange(undo_, {}));
 }
 
-void Server::answer_request(Conn &c, const fr::Frame &f, const platform::CmiReply &r) {
+void Server::answer_request(Conn &c, const fr::Frame &f, platform::CmiReply &&r) {
     fr::Frame reply;
     reply.kind = fr::Kind::Response;
     reply.seq = f.seq;
@@ -377,7 +456,7 @@ void Server::answer_request(Conn &c, const fr::Frame &f, const platform::CmiRepl
     reply.status = r.status;
     if ((f.flags & fr::kWantsRecord) && r.has_record) {
         reply.flags = fr::kHasRecord;
-        reply.body = r.record;
+        reply.body = std::move(r.record);
     }
     send(c, reply);
 }
