@@ -1,6 +1,6 @@
 #include "callhome/server.hpp"
 
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -29,6 +29,8 @@ constexpr size_t kMaxOutbox = 4096;
 // A request reached with less than this left would likely be answered after its caller
 // gave up; it is refused like one whose deadline has passed.
 constexpr uint64_t kDeadlineMarginMs = 20;
+// What an epoll event stands for, when it is not a connection (whose Conn it points at).
+enum Tag : uint64_t { kStop = 1, kListener, kCommitter, kServiceEvent };
 // Out of descriptors, the listener is left alone this long before accepting again.
 constexpr auto kAcceptBackoff = std::chrono::milliseconds(250);
 
@@ -122,8 +124,18 @@ Server::Server(Service &service, std::string socket_path)
         unlink(path_.c_str());
         fail("listen " + path_);
     }
+    epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll_) {
+        unlink(path_.c_str());
+        fail("epoll_create1");
+    }
     committer_ = std::make_unique<Committer>(service_);
     snapshot_ = service_.snapshot();
+    watch(listen_.get(), EPOLLIN, kListener, EPOLL_CTL_ADD);
+    watch(committer_->fd(), EPOLLIN, kCommitter, EPOLL_CTL_ADD);
+    if (service_.event_fd() >= 0) {
+        watch(service_.event_fd(), EPOLLIN, kServiceEvent, EPOLL_CTL_ADD);
+    }
     service_.set_notifier([this](int32_t id, const std::vector<uint8_t> &payload) {
         if (committer_->on_thread()) {
             committer_->post(id, payload); // the loop owns the connections
@@ -141,9 +153,31 @@ Server::~Server() {
     }
 }
 
+void Server::watch(int fd, uint32_t events, uint64_t data, int op) {
+    epoll_event e{};
+    e.events = events;
+    e.data.u64 = data;
+    if (epoll_ctl(epoll_.get(), op, fd, &e) != 0 && !(op == EPOLL_CTL_ADD && errno == EEXIST)) {
+        fail("epoll_ctl");
+    }
+}
+
+void Server::drop_dead() {
+    conns_.remove_if([this](const Conn &c) {
+        if (c.dead) {
+            // Explicitly: a child forked meanwhile may still hold the descriptor, and the
+            // registration would outlive the Conn it points at.
+            epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.fd.get(), nullptr);
+        }
+        return c.dead;
+    });
+}
+
 void Server::run(int stop_fd) {
-    std::vector<pollfd> fds;
-    std::vector<Conn *> polled;
+    // epoll rather than poll: a request's wake-up then costs no walk over every descriptor
+    // and no allocation of wait-queue entries in the kernel.
+    watch(stop_fd, EPOLLIN, kStop, EPOLL_CTL_ADD);
+    std::vector<epoll_event> events(64);
     for (;;) {
         // Answer delayed requests that are due, and find the next deadline.
         const auto now = Clock::now();
@@ -164,7 +198,7 @@ void Server::run(int stop_fd) {
                 timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
             }
         }
-        conns_.remove_if([](const Conn &c) { return c.dead; });
+        drop_dead();
         auto service_due = Clock::time_point::max();
         if (!committer_->busy()) {
             if (const int ms = service_.timeout_ms(); ms >= 0) {
@@ -172,12 +206,14 @@ void Server::run(int stop_fd) {
                 service_due = now + std::chrono::milliseconds(ms);
             }
         }
-        // While out of descriptors the listener is not polled: it would stay readable and
+        // While out of descriptors the listener is not watched: it would stay readable and
         // spin the loop. Connected clients are served meanwhile.
-        if (accept_paused_ && now >= accept_resume_) {
-            accept_paused_ = false;
+        const bool accepting = !accept_paused_ || now >= accept_resume_;
+        if (accepting != listening_) {
+            watch(listen_.get(), accepting ? uint32_t(EPOLLIN) : 0u, kListener, EPOLL_CTL_MOD);
+            listening_ = accepting;
         }
-        const bool accepting = !accept_paused_;
+        accept_paused_ = !accepting;
         if (!accepting) {
             const auto ms =
                 std::chrono::duration_cast<std::chrono::milliseconds>(accept_resume_ - now)
@@ -185,55 +221,73 @@ void Server::run(int stop_fd) {
                 1;
             timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
         }
-
-        fds.clear();
-        polled.clear();
-        fds.push_back({stop_fd, POLLIN, 0});
-        fds.push_back({accepting ? listen_.get() : -1, POLLIN, 0});
-        fds.push_back({committer_->fd(), POLLIN, 0});
-        fds.push_back({service_.event_fd(), POLLIN, 0});
+        // Writability is asked for only while answers wait in an outbox.
         for (Conn &c : conns_) {
-            short events = POLLIN;
-            if (!c.outbox.empty()) {
-                events |= POLLOUT;
+            if (const bool want = !c.outbox.empty(); want != c.want_out) {
+                epoll_event e{};
+                e.events = EPOLLIN | (want ? uint32_t(EPOLLOUT) : 0u);
+                e.data.ptr = &c;
+                if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, c.fd.get(), &e) != 0) {
+                    c.dead = true;
+                    continue;
+                }
+                c.want_out = want;
             }
-            fds.push_back({c.fd.get(), events, 0});
-            polled.push_back(&c);
         }
-        if (poll(fds.data(), fds.size(), timeout) < 0) {
+
+        const int n = epoll_wait(epoll_.get(), events.data(), int(events.size()), timeout);
+        if (n < 0) {
             if (errno == EINTR) {
                 continue;
             }
-            fail("poll");
+            fail("epoll_wait");
         }
-        if (fds[0].revents != 0) {
-            return;
+        bool accept_ready = false, committer_ready = false, service_ready = false;
+        for (int i = 0; i < n; ++i) {
+            switch (events[size_t(i)].data.u64) {
+            case kStop:
+                return;
+            case kListener:
+                accept_ready = true;
+                break;
+            case kCommitter:
+                committer_ready = true;
+                break;
+            case kServiceEvent:
+                service_ready = true;
+                break;
+            default: // a connection, served below
+                break;
+            }
         }
-        if (fds[1].revents & POLLIN) {
+        if (accept_ready) {
             accept_clients();
         }
-        if (fds[2].revents & POLLIN) {
+        if (committer_ready) {
             finish_write();
         }
         // The service's own work (schedule, finished commands) changes the live state: only
         // while no write is with the committer, and the snapshot follows. A busy committer
         // wakes the loop when done, and the event is still pending then.
-        if (!committer_->busy() && ((fds[3].revents & POLLIN) || service_due <= Clock::now())) {
+        if (!committer_->busy() && (service_ready || service_due <= Clock::now())) {
             service_.on_event();
             snapshot_ = service_.snapshot();
         }
-        for (size_t i = 0; i < polled.size(); ++i) {
-            Conn &c = *polled[i];
-            const short re = fds[i + 4].revents;
-            if (re & POLLOUT) {
+        for (int i = 0; i < n; ++i) {
+            const epoll_event &e = events[size_t(i)];
+            if (e.data.u64 <= kServiceEvent) {
+                continue;
+            }
+            Conn &c = *static_cast<Conn *>(e.data.ptr);
+            if (e.events & EPOLLOUT) {
                 flush(c);
             }
-            if (!c.dead && (re & (POLLIN | POLLHUP | POLLERR))) {
+            if (!c.dead && (e.events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
                 read_from(c);
                 pump(c);
             }
         }
-        conns_.remove_if([](const Conn &c) { return c.dead; });
+        drop_dead();
     }
 }
 
@@ -271,8 +325,17 @@ void Server::accept_clients() {
             continue;
         }
         conns_.emplace_back();
-        conns_.back().fd = std::move(conn);
-        conns_.back().id = next_conn_id_++;
+        Conn &c = conns_.back();
+        c.fd = std::move(conn);
+        c.id = next_conn_id_++;
+        epoll_event e{};
+        e.events = EPOLLIN;
+        e.data.ptr = &c;
+        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, c.fd.get(), &e) != 0) {
+            std::cerr << "callhomed: cannot watch a new connection: " << std::strerror(errno)
+                      << "\n";
+            conns_.pop_back();
+        }
     }
 }
 
@@ -465,19 +528,36 @@ void Server::send(Conn &c, const fr::Frame &f) {
     if (c.dead) {
         return;
     }
-    auto bytes = fr::encode(f);
-    if (!bytes) {
+    // Encoded into the server's buffer and sent from there: only an answer the client is
+    // not ready for is copied into its outbox.
+    if (!fr::encode_into(f, f.body, tx_)) {
         std::cerr << "callhomed: answer too large to frame; closing the connection\n";
         c.dead = true;
         return;
+    }
+    if (c.outbox.empty()) {
+        for (;;) {
+            const ssize_t n =
+                ::send(c.fd.get(), tx_.data(), tx_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n >= 0) {
+                return;
+            }
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                c.dead = true;
+                return;
+            }
+            break; // POLLOUT sends it from the outbox
+        }
     }
     if (c.outbox.size() >= kMaxOutbox) {
         std::cerr << "callhomed: client does not read; closing the connection\n";
         c.dead = true;
         return;
     }
-    c.outbox.push_back(std::move(*bytes));
-    flush(c);
+    c.outbox.push_back(tx_);
 }
 
 void Server::flush(Conn &c) {

@@ -1,4 +1,4 @@
-// callhomed's event loop: one thread, poll(2), many connections on an AF_UNIX
+// callhomed's event loop: one thread, epoll(7), many connections on an AF_UNIX
 // SOCK_SEQPACKET socket, each connection's requests answered in order. Writes commit on a
 // second thread (committer.hpp says how and why) while reads go on.
 #pragma once
@@ -48,12 +48,17 @@ class Server {
         UniqueFd fd;
         bool subscriber = false;
         bool dead = false;
-        bool writing = false; // its write is with the committer; later requests wait
+        bool writing = false;  // its write is with the committer; later requests wait
+        bool want_out = false; // watched for writability (its outbox is not empty)
         std::deque<platform::frame::Frame> inbox;
         std::optional<Held> held; // a request whose answer is being delayed
         std::deque<std::vector<uint8_t>> outbox;
     };
 
+    // epoll_ctl for one of the loop's own descriptors; throws on failure.
+    void watch(int fd, uint32_t events, uint64_t data, int op);
+    // Forgets the connections marked dead.
+    void drop_dead();
     void accept_clients();
     void read_from(Conn &c);
     void pump(Conn &c);
@@ -72,12 +77,15 @@ class Server {
     Service &service_;
     std::string path_;
     UniqueFd listen_;
+    UniqueFd epoll_;
     std::list<Conn> conns_;
     bool accept_starved_ = false; // accept failed (EMFILE...) and connections still wait
     bool accept_paused_ = false;  // the listener is left alone until accept_resume_
+    bool listening_ = true;       // the listener is watched
     Clock::time_point accept_resume_;
     bool fault_injection_ = false;
     std::vector<uint8_t> rx_; // receive buffer shared by all connections
+    std::vector<uint8_t> tx_; // the answer being sent, likewise
     uint64_t next_conn_id_ = 1;
     Service::ReadSessions undo_;           // of the reads since the last write
     Service::SnapshotPtr snapshot_;        // the state as last committed; reads answer from it
