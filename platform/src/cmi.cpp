@@ -42,6 +42,7 @@ struct Channel {
     long long rcvtimeo_ms = -1; // SO_RCVTIMEO on fd; -1: not set yet
     uint32_t seq = 0;
     std::vector<uint8_t> rx; // kMaxFrame + 1 so an oversized answer shows as truncated
+    std::vector<uint8_t> tx; // the request being sent; kept so that sending allocates nothing
     bool stalled = false;
     std::time_t stalled_since = 0;
     Clock::time_point next_probe;
@@ -256,21 +257,20 @@ CmiReply socket_round_trip(const CmiRequest &r) {
     f.wait = r.wait;
     f.flags = (r.user_null ? fr::kUserNull : 0) | (r.wants_record ? fr::kWantsRecord : 0);
     f.user = r.user;
-    f.body = r.record;
     // The service refuses, unapplied, a request it reaches after the caller stopped waiting.
     const auto wait = std::chrono::seconds(std::max(r.wait, 1));
     const auto deadline = Clock::now() + wait;
     f.deadline_ms = fr::monotonic_ms() + uint64_t(std::chrono::milliseconds(wait).count());
-    const auto bytes = fr::encode(f);
-    if (!bytes) {
+    if (!fr::encode_into(f, r.record, c.tx)) {
         return failure(EMSGSIZE);
     }
+    const auto &bytes = c.tx;
 
     const bool reused = bool(c.fd);
     if (int err = ensure_connected(c)) {
         return failure(err);
     }
-    if (send_message(c.fd.get(), *bytes) != 0) {
+    if (send_message(c.fd.get(), bytes) != 0) {
         int err = errno;
         c.fd.reset();
         // A connection kept from before a service restart fails at the first send; the
@@ -281,7 +281,7 @@ CmiReply socket_round_trip(const CmiRequest &r) {
         if ((err = ensure_connected(c)) != 0) {
             return failure(err);
         }
-        if (send_message(c.fd.get(), *bytes) != 0) {
+        if (send_message(c.fd.get(), bytes) != 0) {
             err = errno;
             c.fd.reset();
             return failure(note_failure(c, "send", err));

@@ -26,11 +26,11 @@ uint64_t monotonic_ms() {
     return uint64_t(ts.tv_sec) * 1000 + uint64_t(ts.tv_nsec) / 1'000'000;
 }
 
-std::optional<std::vector<uint8_t>> encode(const Frame &f) {
-    if (f.user.size() > kMaxUser || f.body.size() > kMaxBody) {
-        return std::nullopt;
+bool encode_into(const Frame &f, std::span<const uint8_t> body, std::vector<uint8_t> &out) {
+    if (f.user.size() > kMaxUser || body.size() > kMaxBody) {
+        return false;
     }
-    std::vector<uint8_t> out(kHeaderSize + f.user.size() + f.body.size());
+    out.resize(kHeaderSize + f.user.size() + body.size());
     uint8_t *p = out.data();
     put_u32(p + 0, kMagic);
     put_u16(p + 4, kVersion);
@@ -45,14 +45,22 @@ std::optional<std::vector<uint8_t>> encode(const Frame &f) {
     put_u32(p + 36, f.flags);
     put_u16(p + 40, uint16_t(f.user.size()));
     put_u16(p + 42, 0);
-    put_u32(p + 44, uint32_t(f.body.size()));
+    put_u32(p + 44, uint32_t(body.size()));
     put_u32(p + 48, uint32_t(f.deadline_ms >> 32));
     put_u32(p + 52, uint32_t(f.deadline_ms));
     if (!f.user.empty()) {
         std::memcpy(p + kHeaderSize, f.user.data(), f.user.size());
     }
-    if (!f.body.empty()) {
-        std::memcpy(p + kHeaderSize + f.user.size(), f.body.data(), f.body.size());
+    if (!body.empty()) {
+        std::memcpy(p + kHeaderSize + f.user.size(), body.data(), body.size());
+    }
+    return true;
+}
+
+std::optional<std::vector<uint8_t>> encode(const Frame &f) {
+    std::vector<uint8_t> out;
+    if (!encode_into(f, f.body, out)) {
+        return std::nullopt;
     }
     return out;
 }

@@ -25,15 +25,15 @@ class Channel {
 
     // Answers one request. A store failure answers -1 (EIO) with nothing applied.
     platform::CmiReply process(const platform::CmiRequest &request);
+    // Forgets deleted profiles that no UNDO can ask for any more: those of sessions other
+    // than `session` (0: none), and those past the UNDO window.
+    void expire_deleted(uint32_t session);
 
   private:
     using Bytes = std::vector<uint8_t>;
     using Reply = platform::CmiReply;
 
     Reply dispatch(const platform::CmiRequest &r);
-    // Forgets deleted profiles that no UNDO can ask for any more.
-    void expire_deleted(uint32_t session);
-
     Reply op_info(int type, const Bytes &b);
     Reply op_email_conf(int type, const Bytes &b);
     Reply op_switch(int type, const Bytes &b, bool is_enable);

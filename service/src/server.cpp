@@ -1,6 +1,6 @@
 #include "callhome/server.hpp"
 
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,6 +16,7 @@
 #include "platform/paths.hpp"
 #include "callhome/protocol.hpp"
 #include "cmi.h"
+#include "committer.hpp"
 
 namespace callhome {
 namespace {
@@ -28,6 +29,8 @@ constexpr size_t kMaxOutbox = 4096;
 // A request reached with less than this left would likely be answered after its caller
 // gave up; it is refused like one whose deadline has passed.
 constexpr uint64_t kDeadlineMarginMs = 20;
+// What an epoll event stands for, when it is not a connection (whose Conn it points at).
+enum Tag : uint64_t { kStop = 1, kListener, kCommitter, kServiceEvent };
 // Out of descriptors, the listener is left alone this long before accepting again.
 constexpr auto kAcceptBackoff = std::chrono::milliseconds(250);
 
@@ -55,11 +58,12 @@ bool someone_listens(const std::string &path) {
     return connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
 }
 
-platform::CmiRequest to_request(const fr::Frame &f) {
+// Takes the frame's body: the answer needs only the frame's header.
+platform::CmiRequest to_request(fr::Frame &f) {
     platform::CmiRequest req;
     req.opcode = f.opcode;
     req.msg_type = f.msg_type;
-    req.record = f.body;
+    req.record = std::move(f.body);
     req.wants_record = (f.flags & fr::kWantsRecord) != 0;
     req.user_null = (f.flags & fr::kUserNull) != 0;
     req.user = f.user;
@@ -120,32 +124,73 @@ Server::Server(Service &service, std::string socket_path)
         unlink(path_.c_str());
         fail("listen " + path_);
     }
-    service_.set_notifier(
-        [this](int32_t id, const std::vector<uint8_t> &payload) { broadcast(id, payload); });
+    epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll_) {
+        unlink(path_.c_str());
+        fail("epoll_create1");
+    }
+    committer_ = std::make_unique<Committer>(service_);
+    snapshot_ = service_.snapshot();
+    watch(listen_.get(), EPOLLIN, kListener, EPOLL_CTL_ADD);
+    watch(committer_->fd(), EPOLLIN, kCommitter, EPOLL_CTL_ADD);
+    if (service_.event_fd() >= 0) {
+        watch(service_.event_fd(), EPOLLIN, kServiceEvent, EPOLL_CTL_ADD);
+    }
+    service_.set_notifier([this](int32_t id, const std::vector<uint8_t> &payload) {
+        if (committer_->on_thread()) {
+            committer_->post(id, payload); // the loop owns the connections
+        } else {
+            broadcast(id, payload);
+        }
+    });
 }
 
 Server::~Server() {
+    committer_.reset(); // the write in flight finishes first
     service_.set_notifier({});
     if (listen_) {
         unlink(path_.c_str());
     }
 }
 
+void Server::watch(int fd, uint32_t events, uint64_t data, int op) {
+    epoll_event e{};
+    e.events = events;
+    e.data.u64 = data;
+    if (epoll_ctl(epoll_.get(), op, fd, &e) != 0 && !(op == EPOLL_CTL_ADD && errno == EEXIST)) {
+        fail("epoll_ctl");
+    }
+}
+
+void Server::drop_dead() {
+    conns_.remove_if([this](const Conn &c) {
+        if (c.dead) {
+            // Explicitly: a child forked meanwhile may still hold the descriptor, and the
+            // registration would outlive the Conn it points at.
+            epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.fd.get(), nullptr);
+        }
+        return c.dead;
+    });
+}
+
 void Server::run(int stop_fd) {
-    std::vector<pollfd> fds;
-    std::vector<Conn *> polled;
+    // epoll rather than poll: a request's wake-up then costs no walk over every descriptor
+    // and no allocation of wait-queue entries in the kernel.
+    watch(stop_fd, EPOLLIN, kStop, EPOLL_CTL_ADD);
+    std::vector<epoll_event> events(64);
     for (;;) {
         // Answer delayed requests that are due, and find the next deadline.
         const auto now = Clock::now();
         int timeout = -1;
         for (Conn &c : conns_) {
-            if (c.held && c.held->due <= now) {
-                const Held h = std::move(*c.held);
+            if (c.held && c.held->due <= now && !waits_for_committer(c.held->frame)) {
+                Held h = std::move(*c.held);
                 c.held.reset();
-                serve(c, h.frame);
+                serve(c, std::move(h.frame));
                 pump(c);
             }
-            if (c.held) {
+            // A due write that waits for the committer resumes when the committer wakes us.
+            if (c.held && c.held->due > now) {
                 const auto ms =
                     std::chrono::duration_cast<std::chrono::milliseconds>(c.held->due - now)
                         .count() +
@@ -153,16 +198,22 @@ void Server::run(int stop_fd) {
                 timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
             }
         }
-        conns_.remove_if([](const Conn &c) { return c.dead; });
-        if (const int ms = service_.timeout_ms(); ms >= 0) {
-            timeout = timeout < 0 ? ms : std::min(timeout, ms);
+        drop_dead();
+        auto service_due = Clock::time_point::max();
+        if (!committer_->busy()) {
+            if (const int ms = service_.timeout_ms(); ms >= 0) {
+                timeout = timeout < 0 ? ms : std::min(timeout, ms);
+                service_due = now + std::chrono::milliseconds(ms);
+            }
         }
-        // While out of descriptors the listener is not polled: it would stay readable and
+        // While out of descriptors the listener is not watched: it would stay readable and
         // spin the loop. Connected clients are served meanwhile.
-        if (accept_paused_ && now >= accept_resume_) {
-            accept_paused_ = false;
+        const bool accepting = !accept_paused_ || now >= accept_resume_;
+        if (accepting != listening_) {
+            watch(listen_.get(), accepting ? uint32_t(EPOLLIN) : 0u, kListener, EPOLL_CTL_MOD);
+            listening_ = accepting;
         }
-        const bool accepting = !accept_paused_;
+        accept_paused_ = !accepting;
         if (!accepting) {
             const auto ms =
                 std::chrono::duration_cast<std::chrono::milliseconds>(accept_resume_ - now)
@@ -170,45 +221,73 @@ void Server::run(int stop_fd) {
                 1;
             timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
         }
-
-        fds.clear();
-        polled.clear();
-        fds.push_back({stop_fd, POLLIN, 0});
-        fds.push_back({accepting ? listen_.get() : -1, POLLIN, 0});
-        fds.push_back({service_.event_fd(), POLLIN, 0});
+        // Writability is asked for only while answers wait in an outbox.
         for (Conn &c : conns_) {
-            short events = POLLIN;
-            if (!c.outbox.empty()) {
-                events |= POLLOUT;
+            if (const bool want = !c.outbox.empty(); want != c.want_out) {
+                epoll_event e{};
+                e.events = EPOLLIN | (want ? uint32_t(EPOLLOUT) : 0u);
+                e.data.ptr = &c;
+                if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, c.fd.get(), &e) != 0) {
+                    c.dead = true;
+                    continue;
+                }
+                c.want_out = want;
             }
-            fds.push_back({c.fd.get(), events, 0});
-            polled.push_back(&c);
         }
-        if (poll(fds.data(), fds.size(), timeout) < 0) {
+
+        const int n = epoll_wait(epoll_.get(), events.data(), int(events.size()), timeout);
+        if (n < 0) {
             if (errno == EINTR) {
                 continue;
             }
-            fail("poll");
+            fail("epoll_wait");
         }
-        if (fds[0].revents != 0) {
-            return;
+        bool accept_ready = false, committer_ready = false, service_ready = false;
+        for (int i = 0; i < n; ++i) {
+            switch (events[size_t(i)].data.u64) {
+            case kStop:
+                return;
+            case kListener:
+                accept_ready = true;
+                break;
+            case kCommitter:
+                committer_ready = true;
+                break;
+            case kServiceEvent:
+                service_ready = true;
+                break;
+            default: // a connection, served below
+                break;
+            }
         }
-        if (fds[1].revents & POLLIN) {
+        if (accept_ready) {
             accept_clients();
         }
-        service_.on_event();
-        for (size_t i = 0; i < polled.size(); ++i) {
-            Conn &c = *polled[i];
-            const short re = fds[i + 3].revents;
-            if (re & POLLOUT) {
+        if (committer_ready) {
+            finish_write();
+        }
+        // The service's own work (schedule, finished commands) changes the live state: only
+        // while no write is with the committer, and the snapshot follows. A busy committer
+        // wakes the loop when done, and the event is still pending then.
+        if (!committer_->busy() && (service_ready || service_due <= Clock::now())) {
+            service_.on_event();
+            snapshot_ = service_.snapshot();
+        }
+        for (int i = 0; i < n; ++i) {
+            const epoll_event &e = events[size_t(i)];
+            if (e.data.u64 <= kServiceEvent) {
+                continue;
+            }
+            Conn &c = *static_cast<Conn *>(e.data.ptr);
+            if (e.events & EPOLLOUT) {
                 flush(c);
             }
-            if (!c.dead && (re & (POLLIN | POLLHUP | POLLERR))) {
+            if (!c.dead && (e.events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
                 read_from(c);
                 pump(c);
             }
         }
-        conns_.remove_if([](const Conn &c) { return c.dead; });
+        drop_dead();
     }
 }
 
@@ -246,7 +325,17 @@ void Server::accept_clients() {
             continue;
         }
         conns_.emplace_back();
-        conns_.back().fd = std::move(conn);
+        Conn &c = conns_.back();
+        c.fd = std::move(conn);
+        c.id = next_conn_id_++;
+        epoll_event e{};
+        e.events = EPOLLIN;
+        e.data.ptr = &c;
+        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, c.fd.get(), &e) != 0) {
+            std::cerr << "callhomed: cannot watch a new connection: " << std::strerror(errno)
+                      << "\n";
+            conns_.pop_back();
+        }
     }
 }
 
@@ -277,8 +366,42 @@ void Server::read_from(Conn &c) {
     c.inbox.push_back(std::move(*f));
 }
 
+bool Server::waits_for_committer(const fr::Frame &f) const {
+    const bool live =
+        f.kind == fr::Kind::Admin ||
+        (f.kind == fr::Kind::Request && !Service::snapshot_answers(f.opcode, f.msg_type));
+    return live && committer_->busy();
+}
+
+void Server::finish_write() {
+    auto done = committer_->take();
+    for (auto &[id, payload] : committer_->take_notifications()) {
+        broadcast(id, payload);
+    }
+    if (!done) {
+        return;
+    }
+    // A snapshot the committer could not take (out of memory) is taken here: the live
+    // service is idle again.
+    snapshot_ = done->snapshot ? std::move(done->snapshot) : service_.snapshot();
+    for (Conn &c : conns_) {
+        if (c.id == done->conn && c.writing) {
+            c.writing = false;
+            answer_request(c, done->frame, std::move(done->reply));
+            break;
+        }
+    }
+    // Whoever waited for the committer (this client or another) may go on.
+    for (Conn &c : conns_) {
+        pump(c);
+    }
+}
+
 void Server::pump(Conn &c) {
-    while (!c.dead && !c.held && !c.inbox.empty()) {
+    while (!c.dead && !c.held && !c.writing && !c.inbox.empty()) {
+        if (waits_for_committer(c.inbox.front())) {
+            return; // finish_write() pumps again
+        }
         fr::Frame f = std::move(c.inbox.front());
         c.inbox.pop_front();
         handle(c, std::move(f));
@@ -298,13 +421,13 @@ void Server::handle(Conn &c, fr::Frame &&f) {
         case FaultAction::Kind::Status: {
             platform::CmiReply r;
             r.status = fault.status;
-            answer_request(c, f, r);
+            answer_request(c, f, std::move(r));
             return;
         }
         case FaultAction::Kind::None:
             break;
         }
-        serve(c, f);
+        serve(c, std::move(f));
         return;
     }
     case fr::Kind::Subscribe:
@@ -313,12 +436,14 @@ void Server::handle(Conn &c, fr::Frame &&f) {
     case fr::Kind::Admin: {
         const auto args = protocol::split_args(f.body);
         // Faults are for tests: a production service never arms them.
+        // The committer is idle (pump saw to it): admin commands run on the live service.
         const auto [status, text] =
             !fault_injection_ && !args.empty() && args[0] == "fault"
                 ? std::pair<int, std::string>(
                       1,
                       "fault injection is off (callhomed --enable-fault-injection turns it on)\n")
                 : service_.admin(args);
+        snapshot_ = service_.snapshot();
         // Long outputs go in pieces; every piece but the last carries kAdminMore.
         size_t pos = 0;
         do {
@@ -344,7 +469,7 @@ void Server::handle(Conn &c, fr::Frame &&f) {
     }
 }
 
-void Server::serve(Conn &c, const fr::Frame &f) {
+void Server::serve(Conn &c, fr::Frame &&f) {
     const uint64_t now = fr::monotonic_ms();
     if (f.deadline_ms != 0 && now + kDeadlineMarginMs > f.deadline_ms) {
         // Its caller has stopped waiting: applying it now would change what the caller
@@ -365,10 +490,27 @@ void Server::serve(Conn &c, const fr::Frame &f) {
         send(c, reply);
         return;
     }
-    answer_request(c, f, service_.process(to_request(f)));
+    if (Service::snapshot_answers(f.opcode, f.msg_type)) {
+        if (f.session != 0) {
+            undo_.saw(f.session);
+        }
+        answer_request(c, f, service_.read(*snapshot_, to_request(f)));
+        return;
+    }
+    if (!committer_->busy()) {
+        // Reads the snapshot cannot answer are quick: the loop answers them on the live
+        // service while the committer is idle (pump saw to it).
+        if (Service::is_read(f.msg_type)) {
+            answer_request(c, f, service_.process(to_request(f)));
+            return;
+        }
+    }
+    c.writing = true;
+    auto request = to_request(f);
+    committer_->submit(c.id, std::move(f), std::move(request), std::exchange(undo_, {}));
 }
 
-void Server::answer_request(Conn &c, const fr::Frame &f, const platform::CmiReply &r) {
+void Server::answer_request(Conn &c, const fr::Frame &f, platform::CmiReply &&r) {
     fr::Frame reply;
     reply.kind = fr::Kind::Response;
     reply.seq = f.seq;
@@ -377,7 +519,7 @@ void Server::answer_request(Conn &c, const fr::Frame &f, const platform::CmiRepl
     reply.status = r.status;
     if ((f.flags & fr::kWantsRecord) && r.has_record) {
         reply.flags = fr::kHasRecord;
-        reply.body = r.record;
+        reply.body = std::move(r.record);
     }
     send(c, reply);
 }
@@ -386,19 +528,36 @@ void Server::send(Conn &c, const fr::Frame &f) {
     if (c.dead) {
         return;
     }
-    auto bytes = fr::encode(f);
-    if (!bytes) {
+    // Encoded into the server's buffer and sent from there: only an answer the client is
+    // not ready for is copied into its outbox.
+    if (!fr::encode_into(f, f.body, tx_)) {
         std::cerr << "callhomed: answer too large to frame; closing the connection\n";
         c.dead = true;
         return;
+    }
+    if (c.outbox.empty()) {
+        for (;;) {
+            const ssize_t n =
+                ::send(c.fd.get(), tx_.data(), tx_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n >= 0) {
+                return;
+            }
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                c.dead = true;
+                return;
+            }
+            break; // POLLOUT sends it from the outbox
+        }
     }
     if (c.outbox.size() >= kMaxOutbox) {
         std::cerr << "callhomed: client does not read; closing the connection\n";
         c.dead = true;
         return;
     }
-    c.outbox.push_back(std::move(*bytes));
-    flush(c);
+    c.outbox.push_back(tx_);
 }
 
 void Server::flush(Conn &c) {

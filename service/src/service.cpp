@@ -4,8 +4,10 @@
 #include "callhome/service.hpp"
 
 #include <iostream>
+#include <memory>
 
 #include "admin_commands.hpp"
+#include "callhome_wire.h"
 #include "channel.hpp"
 #include "codec.hpp"
 #include "dispatch.hpp"
@@ -30,6 +32,48 @@ struct Service::Impl {
 
     std::pair<int, std::string> smtp_server(const std::string &host, uint32_t port);
 };
+
+// A state of its own with a channel over it. The channel keeps the live storage for its
+// writes, which reads never reach.
+class Service::Snapshot {
+  public:
+    Snapshot(const State &state, Storage &storage) : state_(state), channel_(state_, storage) {}
+    platform::CmiReply read(const platform::CmiRequest &request) {
+        return channel_.process(request);
+    }
+
+  private:
+    State state_;
+    Channel channel_;
+};
+
+Service::SnapshotPtr Service::snapshot() {
+    return std::make_shared<Snapshot>(impl_->state, impl_->storage);
+}
+
+platform::CmiReply Service::read(Snapshot &snapshot, const platform::CmiRequest &request) {
+    if (!is_read(request.msg_type)) { // a write would reach the live storage
+        return codec::answer(CALLHOME_ERR_INVALID_INPUT);
+    }
+    return snapshot.read(request);
+}
+
+bool Service::is_read(int msg_type) {
+    return msg_type == GET_REQ || msg_type == GETNEXT_REQ || msg_type == VELD_GET_REQ ||
+           msg_type == VELD_GETNEXT_REQ;
+}
+
+bool Service::snapshot_answers(int opcode, int msg_type) {
+    return is_read(msg_type) && opcode != CALLHOME_STATUS_OPC;
+}
+
+void Service::end_undo(const ReadSessions &sessions) {
+    for (const uint32_t s : sessions.seen) {
+        if (s != 0) {
+            impl_->channel.expire_deleted(s);
+        }
+    }
+}
 
 Service::Service(const std::string &db_path,
                  std::optional<std::vector<std::string>> allowed_commands)

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,10 @@ struct Frame {
 
 // Encodes a frame; user names and bodies beyond the limits are refused (nullopt).
 std::optional<std::vector<uint8_t>> encode(const Frame &f);
+// The same into `out`, whose capacity is kept: a caller that keeps `out` allocates nothing
+// per frame. `body` stands for f.body, so that a record need not be copied into the frame.
+// False beyond the limits.
+bool encode_into(const Frame &f, std::span<const uint8_t> body, std::vector<uint8_t> &out);
 
 // Decodes one received message. Refuses (nullopt) a wrong magic or version, an unknown kind,
 // a reserved field that is not 0, lengths that disagree with the message size, or anything beyond

@@ -2,8 +2,9 @@
 //
 // One Service owns the configuration (kept in SQLite, served from memory), answers the
 // request channel one request at a time and runs the admin commands of callhomectl. It is
-// not thread-safe: the daemon drives it from its single event-loop thread, and tests host
-// it in-process behind the platform's transport hook.
+// not thread-safe: one thread at a time drives it (the daemon's event loop, or its committer
+// while a write is in flight; reads meanwhile go to a snapshot), and tests host it
+// in-process behind the platform's transport hook.
 #pragma once
 
 #include <cstdint>
@@ -62,6 +63,34 @@ class Service {
     // matches the request, counting it down, and answers the request without fault checks.
     FaultAction take_fault(int opcode, int msg_type);
     platform::CmiReply process(const platform::CmiRequest &request);
+
+    // For the daemon, which answers reads while a write commits on another thread: a copy of
+    // the state as it stands (taken by whoever owns the service at that moment), and the
+    // answer to a read from such a copy. read() touches nothing but the snapshot, so it may
+    // run while another thread is inside process().
+    class Snapshot;
+    using SnapshotPtr = std::shared_ptr<Snapshot>;
+    SnapshotPtr snapshot();
+    platform::CmiReply read(Snapshot &snapshot, const platform::CmiRequest &request);
+    static bool is_read(int msg_type); // GET, GETNEXT and their VELD forms
+    // A read a snapshot answers: every one but the status objects', which the sender thread
+    // records in the database and the live service reads afresh.
+    static bool snapshot_answers(int opcode, int msg_type);
+    // The sessions of the reads a snapshot answered since the last write. A request of
+    // another session ends the UNDO of a deleted profile; these reads never reached the live
+    // state, so the next write ends those UNDOs first (end_undo). Two distinct sessions end
+    // every one, so no more are kept.
+    struct ReadSessions {
+        uint32_t seen[2] = {0, 0};
+        void saw(uint32_t session) {
+            if (seen[0] == 0) {
+                seen[0] = session;
+            } else if (seen[1] == 0 && session != seen[0]) {
+                seen[1] = session;
+            }
+        }
+    };
+    void end_undo(const ReadSessions &sessions);
 
   private:
     struct Impl;

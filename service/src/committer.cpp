@@ -1,0 +1,104 @@
+#include "committer.hpp"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+namespace callhome {
+
+Committer::Committer(Service &service)
+    : service_(service), wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (!wake_) {
+        throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
+    }
+    thread_ = std::thread([this] { loop(); });
+}
+
+Committer::~Committer() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    cv_.notify_one();
+    thread_.join();
+}
+
+void Committer::submit(uint64_t conn, platform::frame::Frame frame, platform::CmiRequest request,
+                       Service::ReadSessions reads) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        job_ = Job{conn, std::move(frame), std::move(request), reads};
+    }
+    busy_ = true;
+    cv_.notify_one();
+}
+
+std::optional<Committer::Done> Committer::take() {
+    uint64_t n;
+    while (read(wake_.get(), &n, sizeof n) > 0) {
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::optional<Done> d = std::move(done_);
+    done_.reset();
+    if (d) {
+        busy_ = false;
+    }
+    return d;
+}
+
+void Committer::post(int32_t id, std::vector<uint8_t> payload) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        notifications_.emplace_back(id, std::move(payload));
+    }
+    wake();
+}
+
+std::vector<std::pair<int32_t, std::vector<uint8_t>>> Committer::take_notifications() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(notifications_, {});
+}
+
+void Committer::wake() {
+    const uint64_t one = 1;
+    if (write(wake_.get(), &one, sizeof one) < 0 && errno != EAGAIN) {
+        std::cerr << "callhomed: cannot wake the event loop: " << std::strerror(errno) << "\n";
+    }
+}
+
+void Committer::loop() {
+    for (;;) {
+        Job job{};
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            cv_.wait(lock, [&] { return stopping_ || job_; });
+            if (!job_) {
+                return;
+            }
+            job = std::move(*job_);
+            job_.reset();
+        }
+        Done d;
+        d.conn = job.conn;
+        service_.end_undo(job.reads);
+        d.reply = service_.process(job.request);
+        try {
+            d.snapshot = service_.snapshot();
+        } catch (const std::exception &e) {
+            std::cerr << "callhomed: no snapshot after a write (" << e.what()
+                      << "); the event loop takes it\n";
+        }
+        d.frame = std::move(job.frame);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            done_ = std::move(d);
+        }
+        wake();
+    }
+}
+
+} // namespace callhome
