@@ -646,39 +646,49 @@ Child start_set_stream() {
     return Child(pid);
 }
 
+// GET latency percentiles of each round, under a load and without it.
+struct LatencyRounds {
+    std::vector<double> p50, p99;
+    void add(const std::vector<double> &samples) {
+        p50.push_back(percentile(samples, 50));
+        p99.push_back(percentile(samples, 99));
+    }
+};
+
+// "GET p50 <load>" and "GET p99 <load>", each beside the same figure without the load.
+void add_latency_figures(std::vector<Figure> &out, const std::string &load,
+                         const LatencyRounds &busy, const LatencyRounds &alone,
+                         const std::string &peer_name, std::optional<double> p99_target) {
+    for (const auto &[pct, b, a, target] :
+         {std::tuple{"p50", &busy.p50, &alone.p50, std::optional<double>()},
+          std::tuple{"p99", &busy.p99, &alone.p99, p99_target}}) {
+        Figure f;
+        f.group = "channel latency (info GET)";
+        f.name = std::string("GET ") + pct + " " + load;
+        f.unit = "us";
+        f.value = spread(*b);
+        f.peer = spread(*a);
+        f.peer_name = peer_name;
+        f.target = target;
+        out.push_back(f);
+    }
+}
+
 void measure_latency(std::vector<Figure> &out) {
     get_latencies(2000); // warm
-    std::vector<double> p50_alone, p99_alone, p50_busy, p99_busy;
+    LatencyRounds alone, busy;
     const int per_round = kLatencySamples / kRounds;
     for (int r = 0; r < kRounds; ++r) {
-        const auto alone = get_latencies(per_round);
-        p50_alone.push_back(percentile(alone, 50));
-        p99_alone.push_back(percentile(alone, 99));
+        alone.add(get_latencies(per_round));
         Child stream = start_set_stream();
         struct timespec ts {
             0, 50'000'000
         };
         nanosleep(&ts, nullptr);
-        const auto busy = get_latencies(per_round);
+        busy.add(get_latencies(per_round));
         stream.stop();
-        p50_busy.push_back(percentile(busy, 50));
-        p99_busy.push_back(percentile(busy, 99));
     }
-    for (const auto &[name, busy, alone, target] :
-         {std::tuple{"GET p50 while another client streams SETs", &p50_busy, &p50_alone,
-                     std::optional<double>()},
-          std::tuple{"GET p99 while another client streams SETs", &p99_busy, &p99_alone,
-                     std::optional<double>(3.0)}}) {
-        Figure f;
-        f.group = "channel latency (info GET)";
-        f.name = name;
-        f.unit = "us";
-        f.value = spread(*busy);
-        f.peer = spread(*alone);
-        f.peer_name = "alone";
-        f.target = target;
-        out.push_back(f);
-    }
+    add_latency_figures(out, "while another client streams SETs", busy, alone, "alone", 3.0);
 }
 
 // A mail server that accepts and never greets: a delivery to it stays under way until the
@@ -725,13 +735,11 @@ class SilentMailServer {
 
 void measure_delivery_latency(std::vector<Figure> &out) {
     SilentMailServer smtp;
-    std::vector<double> p50_alone, p99_alone, p50_busy, p99_busy;
+    LatencyRounds alone, busy;
     const int per_round = kLatencySamples / kRounds;
     get_latencies(2000); // warm
     for (int r = 0; r < kRounds; ++r) {
-        const auto alone = get_latencies(per_round);
-        p50_alone.push_back(percentile(alone, 50));
-        p99_alone.push_back(percentile(alone, 99));
+        alone.add(get_latencies(per_round));
     }
     cmi_email_conf_t conf{};
     put_text(conf.from_email_addr, "device@example.com");
@@ -749,22 +757,10 @@ void measure_delivery_latency(std::vector<Figure> &out) {
         throw std::runtime_error("no delivery reached the silent mail server");
     }
     for (int r = 0; r < kRounds; ++r) {
-        const auto busy = get_latencies(per_round);
-        p50_busy.push_back(percentile(busy, 50));
-        p99_busy.push_back(percentile(busy, 99));
+        busy.add(get_latencies(per_round));
     }
-    for (const auto &[name, busy, alone] :
-         {std::tuple{"GET p50 while delivering to a silent server", &p50_busy, &p50_alone},
-          std::tuple{"GET p99 while delivering to a silent server", &p99_busy, &p99_alone}}) {
-        Figure f;
-        f.group = "channel latency (info GET)";
-        f.name = name;
-        f.unit = "us";
-        f.value = spread(*busy);
-        f.peer = spread(*alone);
-        f.peer_name = "no delivery";
-        out.push_back(f);
-    }
+    add_latency_figures(out, "while delivering to a silent server", busy, alone, "no delivery",
+                        std::nullopt);
 }
 
 // Reads and writes through snmpd in a fixed mix: of every 100 requests, 96 reads (GET,

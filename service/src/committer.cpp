@@ -1,20 +1,16 @@
 #include "committer.hpp"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <iostream>
-#include <stdexcept>
+
+#include "posix/event_fd.hpp"
 
 namespace callhome {
 
-Committer::Committer(Service &service)
-    : service_(service), wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (!wake_) {
-        throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
-    }
+Committer::Committer(Service &service) : service_(service), wake_(posix::event_fd()) {
     thread_ = std::thread([this] { loop(); });
 }
 

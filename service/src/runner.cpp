@@ -1,20 +1,16 @@
 #include "runner.hpp"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
+
+#include "posix/event_fd.hpp"
 
 namespace callhome::commands {
 
 Runner::Runner(std::vector<std::string> allowed, Limits limits)
-    : allowed_(std::move(allowed)), limits_(limits) {
-    event_fd_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!event_fd_) {
-        throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
-    }
+    : allowed_(std::move(allowed)), limits_(limits), event_fd_(posix::event_fd()) {
     thread_ = std::thread([this] { work(); });
 }
 
