@@ -102,13 +102,7 @@ class Process {
             for (const auto &[k, v] : env) {
                 ::setenv(k.c_str(), v.c_str(), 1);
             }
-            std::vector<char *> args;
-            for (const auto &a : argv) {
-                args.push_back(const_cast<char *>(a.c_str()));
-            }
-            args.push_back(nullptr);
-            ::execvp(args[0], args.data());
-            ::_exit(127);
+            callhome_test::exec_args(argv);
         }
     }
     Process(Process &&o) noexcept : pid_(o.pid_) { o.pid_ = -1; }

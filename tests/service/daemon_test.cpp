@@ -21,6 +21,7 @@
 
 #include "platform/frame.hpp"
 #include "records.hpp"
+#include "run_command.hpp"
 
 using namespace svc_test;
 namespace fr = platform::frame;
@@ -106,13 +107,7 @@ Result run(std::vector<std::string> args, const std::string &scratch) {
     if (pid == 0) {
         dup2(open((scratch + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
         dup2(open((scratch + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-        std::vector<char *> argv;
-        for (auto &a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        callhome_test::exec_args(std::move(args));
     }
     int st = 0;
     waitpid(pid, &st, 0);
@@ -139,13 +134,12 @@ struct Daemon {
             if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) {
                 _exit(126);
             }
-            const char *args[] = {CALLHOMED_PATH,  "--socket",
-                                  sock.c_str(),    "--db",
-                                  db.c_str(),      "--pidfile",
-                                  pidfile.c_str(), faults ? "--enable-fault-injection" : nullptr,
-                                  nullptr};
-            execv(CALLHOMED_PATH, const_cast<char **>(args));
-            _exit(127);
+            std::vector<std::string> args = {CALLHOMED_PATH, "--socket", sock, "--db", db,
+                                             "--pidfile",    pidfile};
+            if (faults) {
+                args.push_back("--enable-fault-injection");
+            }
+            callhome_test::exec_args(std::move(args));
         }
         return poll_until([&] {
                    if (int st; waitpid(pid, &st, WNOHANG) == pid) {

@@ -73,13 +73,7 @@ struct Proc {
             const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
             dup2(fd, 1);
             dup2(fd, 2);
-            std::vector<char *> argv;
-            for (auto &a : args) {
-                argv.push_back(a.data());
-            }
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
+            callhome_test::exec_args(std::move(args));
         }
     }
     int stop(int sig = SIGKILL) {
