@@ -52,8 +52,11 @@ extern "C" uint32_t get_snmp_sessionid(int) {
     if (c.user) {
         return c.session;
     }
+    // The agent's transaction id, not the manager's request id: it is unique per request
+    // the agent received, and an AgentX subagent sees the same one in every phase of a SET
+    // (each phase comes in a PDU with a request id of its own).
     netsnmp_pdu *pdu = current_pdu();
-    return pdu != nullptr ? uint32_t(pdu->reqid) : 0;
+    return pdu != nullptr ? uint32_t(pdu->transid) : 0;
 }
 
 namespace platform {
