@@ -14,10 +14,10 @@ sanitize=$3
 tmp=$(mktemp -d /tmp/callhome-guide-XXXXXX)
 work=$tmp/checkout
 mkdir -p "$work/var" "$tmp/bin"
-free_port() { python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+. "$(dirname "$0")/../security/checks.sh"
 snmp_port=$(free_port)
 trap_port=$(free_port)
-smtp_port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+smtp_port=$(free_port tcp)
 
 export CALLHOME_STATE_DIR=$work/var CALLHOME_BUILD_DIR=$build
 export CALLHOME_SNMP_PORT=$snmp_port CALLHOME_TRAP_PORT=$trap_port CALLHOME_SMTP_PORT=$smtp_port
@@ -77,15 +77,7 @@ if ((status != 0)); then
     exit 1
 fi
 
-fail=0
-expect() { # description, fixed text the transcript must contain
-    if grep -qF -- "$2" "$transcript"; then
-        echo "ok   $1"
-    else
-        echo "FAIL $1: no '$2' in the transcript"
-        fail=1
-    fi
-}
+expect() { check "$1: '$2' in the transcript" grep -qF -- "$2" "$transcript"; }
 expect "names come from CALLHOME-MIB" "CALLHOME-MIB::callHomeDestProfileMaxCount.0 = Gauge32: 50"
 expect "short text profile gets the short size" 'callHomeDestProfileMaxMsgSize."ops" = Gauge32: 4000'
 expect "alert groups read back" 'callHomeAlertGroups."ops" = Hex-STRING: 09 00 00 00 00 00 00 00'
@@ -102,10 +94,6 @@ expect "dump shows the inventory's next due time" '"next_due": "'
 expect "the notification names the new type" "callHomeAlertGroupTypeName.8 = STRING: Security"
 expect "the configuration survives a restart" "callHomeSiteId.0 = STRING: lab 3"
 expect "module traces reach the subagent's log" "callhome: get_using_cmi"
-if grep -A1 -F "PRAGMA integrity_check" "$transcript" | grep -qx ok; then
-    echo "ok   the backup is sound"
-else
-    echo "FAIL the backup is sound: integrity_check did not answer ok"
-    fail=1
-fi
+check "the backup is sound (integrity_check answers ok)" \
+    bash -c 'grep -A1 -F "PRAGMA integrity_check" "$1" | grep -qx ok' _ "$transcript"
 exit $fail

@@ -95,7 +95,6 @@ TEST(Syserr, StatusTextsAtTheEdgesOfTheRange) {
 }
 
 TEST_F(PlatformTest, ErrorsHeartbeatsAndDistributionState) {
-    EXPECT_EQ(platform::last_set_error(), std::make_pair(int32_t(0), 0));
     ::testing::internal::CaptureStderr();
     log_set_error(0x403B0019, 472);
     log_set_error(-1, 472);
@@ -179,13 +178,12 @@ TEST_F(PlatformTest, DebugOutputSwitches) {
     EXPECT_TRUE(on());
     platform::set_debug_output(false);
     // The environment is read at start (and again by reset_for_tests), not per trace.
-    ::setenv("CALLHOME_DEBUG", "", 1);
-    platform::reset_for_tests();
-    EXPECT_FALSE(on());
-    ::setenv("CALLHOME_DEBUG", "1", 1);
-    EXPECT_FALSE(on());
-    platform::reset_for_tests();
-    EXPECT_TRUE(on());
+    for (const std::string value : {"", "1"}) {
+        ::setenv("CALLHOME_DEBUG", value.c_str(), 1);
+        EXPECT_FALSE(on()) << value;
+        platform::reset_for_tests();
+        EXPECT_EQ(on(), value == "1");
+    }
     ::unsetenv("CALLHOME_DEBUG");
     platform::reset_for_tests();
     // net-snmp debugging counts only with the module's token.
@@ -231,30 +229,13 @@ TEST_F(PlatformTest, IndexContainerKeepsComparatorOrderAndOwnsItsRows) {
     std::free(removed); // the caller owns what it removes
     EXPECT_EQ(indxobj_remove(obj, "row5"), nullptr);
     EXPECT_STREQ(static_cast<char *>(indxobj_find(obj, "row4")), "row4");
-    // Injected add failures, then a success.
-    platform::fail_next_indxobj_add(2);
-    char stack_row[] = "row5";
-    EXPECT_EQ(indxobj_add(obj, stack_row, stack_row), -1);
-    EXPECT_EQ(indxobj_add(obj, stack_row, stack_row), -1);
-    char *ok = strdup("row5");
-    EXPECT_EQ(indxobj_add(obj, ok, ok), 0);
-    EXPECT_EQ(platform::indxobj_size(obj), 200u);
     // Destroy (TearDown) frees every row left; ASan reports any leak.
 }
 
-TEST_F(PlatformTest, IndexContainerCreationFailuresAndNonOwning) {
-    platform::fail_indxobj_create_after(1);
-    indxobj_t *first = nullptr, *second = reinterpret_cast<indxobj_t *>(&first);
-    EXPECT_EQ(indxobj_create(&first, 0, 1, reversed, 1), INDXOBJ_CREATED);
-    EXPECT_NE(indxobj_create(&second, 0, 1, reversed, 1), INDXOBJ_CREATED);
-    EXPECT_EQ(second, nullptr); // cleared on failure
-    EXPECT_EQ(platform::live_indxobj_count(), 1u);
-    platform::fail_indxobj_create_after(-1);
-    EXPECT_EQ(indxobj_create(&obj, 0, 1, reversed, 0), INDXOBJ_CREATED); // does not own
-    EXPECT_EQ(platform::live_indxobj_count(), 2u);
+TEST_F(PlatformTest, IndexContainerThatDoesNotOwnItsRowsLeavesThem) {
+    ASSERT_EQ(indxobj_create(&obj, 0, 1, reversed, 0), INDXOBJ_CREATED);
     char row[] = "kept";
     ASSERT_EQ(indxobj_add(obj, row, row), 0); // TearDown must not free() the stack array
-    indxobj_destroy(first);
     indxobj_destroy(nullptr);
 }
 

@@ -24,16 +24,7 @@ cleanup() {
     rm -rf "$tmp"
 }
 trap cleanup EXIT
-free_port() { python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-fail=0
-check() { # description, command...
-    local what=$1
-    shift
-    if "$@" >/dev/null; then echo "ok   $what"; else
-        echo "FAIL $what"
-        fail=1
-    fi
-}
+. "$(dirname "$0")/checks.sh"
 
 groupadd --system "$svc"
 useradd --system -M -s /usr/sbin/nologin -g "$svc" "$svc"

@@ -5,7 +5,7 @@ set -euo pipefail
 root=$1
 build=$2
 tmp=$(mktemp -d /tmp/callhome-access-XXXXXX)
-free_port() { python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+. "$(dirname "$0")/checks.sh"
 export CALLHOME_STATE_DIR=$tmp/var CALLHOME_BUILD_DIR=$build CALLHOME_SANITIZE=${3:-0}
 export CALLHOME_SNMP_PORT=$(free_port) CALLHOME_TRAP_PORT=$(free_port)
 export CALLHOME_V3_AUTH_PASS=auth-pass-0123 CALLHOME_V3_PRIV_PASS=priv-pass-4567
@@ -14,25 +14,6 @@ export CALLHOME_V3_AUTH_PASS=auth-pass-0123 CALLHOME_V3_PRIV_PASS=priv-pass-4567
 unset MIBS MIBDIRS SNMPCONFPATH CALLHOME_RW_COMMUNITY
 trap '"$root/run.sh" stop >/dev/null 2>&1 || true; rm -rf "$tmp"' EXIT
 
-fail=0
-check() { # description, command... (succeeds)
-    local what=$1
-    shift
-    if "$@" >"$tmp/out" 2>&1; then echo "ok   $what"; else
-        echo "FAIL $what:"
-        sed 's/^/     /' "$tmp/out"
-        fail=1
-    fi
-}
-refused() { # description, command... (fails)
-    local what=$1
-    shift
-    if "$@" >"$tmp/out" 2>&1; then
-        echo "FAIL $what: it succeeded"
-        fail=1
-    else echo "ok   $what"; fi
-    cp "$tmp/out" "$tmp/refusal"
-}
 mode_is() { [[ $(stat -c %a "$2") == "$1" ]]; }
 
 agent=127.0.0.1:$CALLHOME_SNMP_PORT
@@ -60,7 +41,7 @@ check "service socket 0660" mode_is 660 "$CALLHOME_STATE_DIR/callhomed.sock"
 refused "snmpd listens on no TCP port (no SMUX)" \
     bash -c "ss -Hltnp | grep -q 'pid=$(cat "$CALLHOME_STATE_DIR/snmpd.pid"),'"
 refused "no fault injection without --enable-fault-injection" "$root/run.sh" ctl fault clear
-check "the refusal says why" grep -q 'enable-fault-injection' "$tmp/refusal"
+check "the refusal says why" grep -q 'enable-fault-injection' <<<"$refusal"
 
 "$root/run.sh" stop >/dev/null
 CALLHOME_RW_COMMUNITY=lab-rw "$root/run.sh" start >/dev/null
