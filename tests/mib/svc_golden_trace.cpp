@@ -64,6 +64,21 @@ std::string shown(const u_char *v, size_t len, u_char type) {
     return s.str() + '"';
 }
 
+// A record as it reaches the service: its size, then each run of non-zero bytes at its offset.
+std::string packed(const Bytes &b) {
+    std::string s = std::to_string(b.size()) + 'B';
+    for (size_t i = 0, j = 0; i < b.size(); i = j) {
+        for (j = i; j < b.size() && b[j] != 0; ++j) {
+        }
+        if (j == i) {
+            ++j;
+        } else {
+            s += " @" + std::to_string(i) + shown(&b[i], j - i, ASN_OCTET_STR);
+        }
+    }
+    return s;
+}
+
 class GoldenTrace : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -99,12 +114,10 @@ class GoldenTrace : public ::testing::Test {
             reply = used->reply;
             faults_.erase(used);
         }
-        // The leading text of the record names what is asked for (info name, profile).
-        const auto *text = reinterpret_cast<const char *>(r.record.data());
-        const size_t n =
-            r.record.empty() ? 0 : strnlen(text, std::min<size_t>(r.record.size(), 40));
         out_ << "> request " << r.opcode << '/' << r.msg_type << ' '
-             << shown(reinterpret_cast<const u_char *>(text), n, ASN_OCTET_STR) << " answered "
+             << (r.user_null ? std::string("-") : r.user) << '/' << r.session << " client "
+             << r.client << " queue " << r.queue << " wait " << r.wait
+             << (r.wants_record ? " wants " : " ") << packed(r.record) << " answered "
              << reply.status << (reply.has_record ? " with a record\n" : "\n");
         return reply;
     }
@@ -137,7 +150,7 @@ class GoldenTrace : public ::testing::Test {
         for (size_t i = below ? base.size() : 0; i < now.size(); ++i) {
             out_ << '.' << now[i];
         }
-        out_ << '\n';
+        out_ << (r.write != nullptr ? " writable\n" : "\n");
     }
     void get(u_char magic, const Oid &tail = {0}) { read(magic, tail, 1); }
     void next(u_char magic, const Oid &tail = {}) { read(magic, tail, 0); }
@@ -155,6 +168,7 @@ class GoldenTrace : public ::testing::Test {
     // A SET request; what the handlers wrote to standard error follows its traces.
     void set(std::vector<Varbind> vbs) {
         platform::clear_errors();
+        platform::clear_heartbeat_state();
         ::testing::internal::CaptureStderr();
         const SetResult r = run_set(std::move(vbs));
         std::istringstream err(::testing::internal::GetCapturedStderr());
@@ -169,7 +183,10 @@ class GoldenTrace : public ::testing::Test {
         if (const auto l = platform::last_set_error(); l.first != 0 || l.second != 0) {
             out_ << ", logged " << l.first << '/' << l.second;
         }
-        out_ << '\n';
+        // Each write to the service is bracketed by a busy and an idle heartbeat.
+        const platform::HeartbeatState beats = platform::heartbeat_state();
+        out_ << ", heartbeats " << beats.changes << (beats.busy ? " busy" : "")
+             << (containers_empty() ? "\n" : ", rows left in the containers\n");
     }
     // A SET whose request of `opcode` and `msg_type` after `skip` others answers `status`;
     // opcode kAdd: the container refuses its next add instead.
