@@ -94,9 +94,10 @@ class GoldenTrace : public ::testing::Test {
         faults_.push_back({opcode, msg_type, skip, {status, false, {}, err}});
     }
     // The same, answering `record` with status 0.
-    template <class Record> void answer(int opcode, int msg_type, const Record &record) {
+    template <class Record>
+    void answer(int opcode, int msg_type, const Record &record, int skip = 0) {
         const auto *p = reinterpret_cast<const uint8_t *>(&record);
-        faults_.push_back({opcode, msg_type, 0, {0, true, Bytes(p, p + sizeof record), 0}});
+        faults_.push_back({opcode, msg_type, skip, {0, true, Bytes(p, p + sizeof record), 0}});
     }
     platform::CmiReply serve(const platform::CmiRequest &r) {
         auto used = faults_.end();
@@ -140,8 +141,9 @@ class GoldenTrace : public ::testing::Test {
     }
 
     // A read as the agent makes it: exact GET, or GETNEXT from `name` within the object.
-    void read(u_char magic, const Oid &tail, int exact) {
-        const Read r = fetch(magic, tail, exact);
+    // A read from an OID outside the object's column: a GETNEXT there starts at the first row.
+    void read(u_char magic, const Oid &tail, int exact, const Oid &from = {}) {
+        const Read r = from.empty() ? fetch(magic, tail, exact) : fetch_at(magic, from, exact);
         collect();
         out_ << "= " << shown(r.value, r.var_len, column(magic).type) << " at";
         const Oid base = arcs_of(magic), now = r.oid_now();
@@ -294,6 +296,10 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     get(CALLHOMESITEID);
     fail(CALLHOME_PERIODIC_INVENTORY_OPC, VELD_GET_REQ, CALLHOME_ERR_VELD_RESEND);
     get(PERIODICSWINVENTORYTIMEFRAME);
+    get(CALLHOMEMESSAGESTATUS);          // never distributed
+    platform::set_distribution(true, 1); // show-run mode: plain reads
+    get(SYSCONTACTPHONENUMBER);
+    get(CALLHOMEENABLE);
     platform::set_distribution(false, 0);
     step("scalar reads the service fails");
     for (int opcode :
@@ -329,6 +335,24 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {num(CALLHOMESMTPSERVERADDRTYPE, 1), str(CALLHOMESMTPSERVERADDR, kIp4)},
           {num(CALLHOMESMTPSERVERPORT, 2525, U)}, {num(PERIODICSWINVENTORYMSGENABLE, 1)},
           {num(PERIODICSWINVENTORYTIMEFRAME, 7, U)}, {str(PERIODICSWINVENTORYTIMEOFDAY, "09:30")}});
+    // The longest texts, spaces inside, a text ending at its NUL, an integer in 4 bytes, the
+    // other ends of the ranges.
+    for (u_char m : text_scalars) {
+        set({str(m, m == SYSCONTACTPHONENUMBER ? "+" + std::string(16, '1') : std::string(255, 'x'))});
+    }
+    sets({{str(SYSCONTACTPHONENUMBER, "+1 800-555")}, {str(CALLHOMESITEID, "in\tside")},
+          {str(CALLHOMESITEID, std::string("ab\0cd", 5))}, {{object_oid(CALLHOMEENABLE, {0}), I, {2, 0, 0, 0}}},
+          {num(MSGTHROTTLINGENABLE, 1)}, {num(CALLHOMEDEVICESERVICEPRIORITY, 8)},
+          {num(CALLHOMEDEVICESERVICEPRIORITY, 1)}, {num(CALLHOMESMTPSERVERADDRTYPE, 16)},
+          {num(CALLHOMESMTPSERVERADDRTYPE, 1)}, {str(PERIODICSWINVENTORYTIMEOFDAY, "23:59")},
+          {str(PERIODICSWINVENTORYTIMEOFDAY, "00:00")}, {str(PERIODICSWINVENTORYTIMEOFDAY, "09:5")}});
+    // The alert action: "no action" is never sent; a wait that runs out is no failure.
+    set({num(CALLHOMEALERTTEST, 1)});
+    for (const auto &[status, err] : std::vector<std::pair<int, int>>{
+             {0, 0}, {-1, ETIME}, {-1, ECONNREFUSED}, {CALLHOME_UNKNOWN_ENTRY, 0}, {0x403B0040, 0}}) {
+        fail(CALLHOME_ALERT_ACTION_OPC, SET_REQ, status, 0, err);
+        set({num(CALLHOMEALERTTEST, 3)});
+    }
     step("scalar writes of the wrong type, length or value");
     for (u_char m : text_scalars) {
         sets({{num(m, 1)}, {str(m, std::string(300, 'x'))}});
@@ -368,13 +392,19 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
              {1, kIp4}, {2, kIp4}}) {
         set({num(CALLHOMESMTPSERVERADDRTYPE, type), str(CALLHOMESMTPSERVERADDR, address)});
     }
+    // A refused type is not kept for the address that follows.
+    sets({{num(CALLHOMESMTPSERVERADDRTYPE, 4)}, {str(CALLHOMESMTPSERVERADDR, kIp4)}});
     step("scalar writes while the distribution service is enabled");
     platform::set_distribution(true, 0);
     set({num(PERIODICSWINVENTORYMSGENABLE, 1)});
     failing(INVENTORY, VELD_GET_REQ, RESEND, {num(PERIODICSWINVENTORYTIMEFRAME, 7, U)}, 1);
+    platform::set_distribution(true, 1); // the reads of a write are distributed in any mode
+    set({num(PERIODICSWINVENTORYMSGENABLE, 1)});
     platform::set_distribution(false, 0);
     step("scalar writes the service refuses");
     failing(CALLHOME_INFO_OPC, SET_REQ, INVALID, {str(CALLHOMESITEID, "site")});
+    failing(CALLHOME_INFO_OPC, SET_REQ, CALLHOME_UNKNOWN_ENTRY, {str(CALLHOMESITEID, "site")});
+    failing(CALLHOME_INFO_OPC, SET_REQ, CALLHOME_ERR_NO_MEMORY, {str(CALLHOMESITEID, "site")});
     failing(CALLHOME_EMAIL_CONF_OPC, SET_REQ, -1, {str(CALLHOMEEMAILFROM, "a@b")});
     failing(CALLHOME_ENABLE_OPC, SET_REQ, INVALID, {num(CALLHOMEENABLE, 2)});
     failing(INVENTORY, SET_REQ, INVALID, {num(PERIODICSWINVENTORYMSGENABLE, 2)});
@@ -383,7 +413,11 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     step("profile rows: create, change, destroy");
     sets({{prof(PS, "ops", 4), prof(PF, "ops", 2), prof(PM, "ops", 0), prof(PL, "ops", 5),
            prof(PT, "ops", 1)},
-          {prof(PS, "p2", 4), prof(PF, "p2", 3)}, {prof(PF, "ops", 1)}, {prof(PM, "ops", 9000)},
+          {prof(PS, "p2", 4), prof(PF, "p2", 3)}, {prof(PF, "ops", 1)}, {prof(PM, "ops", 1000000)},
+          {prof(PM, "ops", 9000)}, {prof(PT, "p6", 1), prof(PL, "p6", 10), prof(PS, "p6", 4)},
+          {prof(PS, "xmlx", 4), prof(PS, "XML", 4), prof(PS, "a b", 4)},
+          {prof(PS, "xmlx", 6), prof(PS, "XML", 6), prof(PS, "a b", 6), prof(PS, "p6", 6)},
+          {prof(PS, "absent", 6)},
           {prof(PL, "ops", 3)}, {prof(PS, "ops", 1)}, {prof(PS, "p2", 6)}});
     step("profile refusals");
     for (const std::string &name : {std::string("xml"), std::string(" p"), std::string("p "),
@@ -425,7 +459,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {mail("ops", 3, 4), addr("ops", 3, "")}, {mail("ops", 3, 4), addr("ops", 3, "a@b ")},
           {mail("ops", 3, 4), addr("ops", 3, std::string(256, 'x'))},
           {num(EA, 1, I, text_index("ops", {3}))}, {addr("ops", 1, "new@ops.example")},
-          {addr("ops", 3, "new@ops.example")}});
+          {addr("ops", 3, "new@ops.example")}, {mail("ops", 9, 4), addr("ops", 9, std::string(255, 'x'))},
+          {mail("ops", 9, 6)}, {mail("ops", 8, 6)}});
     step("address writes the service or the containers fail, and UNDO");
     failing(EO, SET_REQ, INVALID, {mail("ops", 4, 4), addr("ops", 4, "c@ops.example")});
     failing(EO, DELETE_REQ, -1, {mail("ops", 1, 6)});
@@ -444,7 +479,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {str(CS, "4", {1, 3})}, {five(CS, {1, 3}, 4)},
           {cmd(1, 3, 4), cli(1, 3, std::string(600, 'c'))}, {num(CC, 1, I, {1, 3})},
           {cli(1, 1, "show run")}, {cli(1, 3, "show run")}, {num(CC, 1, ASN_OCTET_STR, {1})},
-          {str(CC, "x", {1, 3, 3})}, {cmd(1, 1, 2)}});
+          {str(CC, "x", {1, 3, 3})}, {cmd(1, 1, 2)}, {cmd(1, 9, 4), cli(1, 9, std::string(599, 'c'))},
+          {cmd(1, 9, 6)}, {cmd(1, 8, 6)}});
     step("user command writes the service or the containers fail, and UNDO");
     failing(CO, SET_REQ, INVALID, {cmd(1, 4, 4), cli(1, 4, "show log")});
     failing(CO, DELETE_REQ, -1, {cmd(1, 1, 6)});
@@ -454,10 +490,16 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     set({cmd(1, 1, 6), cmd(2, 1, 4), cli(2, 1, "show log"), prof(PF, "ghost", 2)});
     failing(CO, SET_REQ, INVALID, {cmd(1, 1, 6), prof(PF, "ghost", 2)});
     set({cmd(1, 1, 4), cli(1, 1, "show clock")}); // the failed UNDO lost it
+    for (int skip : {0, 1}) { // the row the OID names goes, whatever the service answers
+        answer(CO, GET_REQ, cmd_rec("Configuration", 3, "other"), skip);
+    }
+    sets({{cmd(1, 1, 6)}, {cmd(1, 1, 4), cli(1, 1, "show clock")}});
 
     step("profile alert groups");
     sets({{groups("ops", {0x40})}, {groups("ops", {0x30})}, {groups("ops", {0xFF})},
           {groups("ops", {0x60})}, {groups("ops", {0x40})}, {groups("ops", {})},
+          {groups("ops", {0xFF})}, {groups("ops", {0, 0})}, {groups("ops", {0x40, 0, 0, 0, 0, 0, 0, 0})},
+          {groups("ops", {})},
           {groups("ops", Bytes(9, 0))}, {num(AG, 1, I, text_index("ops"))},
           {groups("ghost", {0x40})}});
     failing(GO, SET_REQ, INVALID, {groups("ops", {0x40})});
@@ -486,6 +528,9 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     get(AG, text_index("ops"));
     fail(TO, GETNEXT_REQ, INVALID);
     get(AG, text_index("ops"));
+    fail(TO, GETNEXT_REQ, -1); // no type known: no group is sent
+    fail(TO, GETNEXT_REQ, -1, 1);
+    set({groups("ops", {0xFF})});
 
     step("table reads: exact rows, walks, misses");
     for (const auto &v : callhome_mib_variables) {
@@ -501,6 +546,23 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
            {TN, {1}, 1}, {TN, {99}, 1}, {TN, {99}, 0}, {CC, {1, 1}, 1}, {CC, {1, 9}, 1},
            {CC, {1, 1}, 0}, {CC, {99, 1}, 0}, {CC, {0, 5}, 0}, {PF, {300}, 1}, {EA, {5, 'o'}, 1},
            {AG, {0}, 1}});
+    // Index decoding: names are cut to 31 characters and take the low 8 bits of each arc; a
+    // GETNEXT fills what is left out with 0xFF (for e-mail keys dropping the last character).
+    const std::string ab = "ab", x40(40, 'x');
+    reads({{PF, {}, 1}, {PF, {0}, 1}, {PF, {3, 97, 98}, 1}, {PF, {1, 97, 98}, 1}, {PF, {1, 353}, 1},
+           {PF, text_index(x40), 1}, {PF, {}, 0}, {PF, text_index(ab), 0}, {PF, {5, 97, 98}, 0},
+           {PF, {3}, 0}, {PF, text_index(x40), 0}, {PF, {40, 97}, 0}, {EA, {}, 1},
+           {EA, text_index(ab), 1}, {EA, text_index(ab, {0}), 1}, {EA, {0, 1}, 1},
+           {EA, text_index(ab, {1}), 1}, {EA, text_index(x40, {2}), 1}, {EA, {}, 0},
+           {EA, text_index(ab, {1}), 0}, {EA, text_index(ab), 0}, {EA, {5, 97, 98}, 0},
+           {EA, {3}, 0}, {EA, {0}, 0}, {EA, text_index(ab, {1, 9}), 0}, {EA, {40, 97}, 0},
+           {TN, {}, 1}, {TN, {0}, 1}, {TN, {3, 4}, 1}, {TN, {}, 0}, {TN, {7}, 0}, {TN, {7, 1}, 0},
+           {AG, {}, 1}, {AG, {3, 97}, 1}, {CC, {2, 6}, 1}, {CC, {2}, 1}, {CC, {}, 1},
+           {CC, {2, 3, 1}, 1}});
+    for (u_char m : {PF, EA, TN}) {
+        read(m, {}, 0, object_oid(CC, text_index(ab)));
+        read(m, {}, 0, {1, 3, 6, 1, 4, 1, 32473, 9, 300, 1, 1, 11});
+    }
     step("table reads while the distribution service is enabled, then refused once");
     platform::set_distribution(true, 0);
     reads({{PF, {}, 0}, {EA, {}, 0}, {TN, {}, 0}, {CC, {}, 0}, {AG, {}, 0},
