@@ -521,7 +521,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     const int rc = header_callhome_alertgroups(column.data(), column.size(), from.data(), &from_len,
                                                0, &summary, 1);
     collect();
-    out_ << "= " << rc << '\n';
+    out_ << "= " << rc << ' ' << summary.destination_profile_id << ' ' << summary.bitset_size
+         << shown(summary.bitset, 8, ASN_OCTET_STR) << '\n';
     platform::set_distribution(false, 0);
     step("the type list the service fails to give");
     fail(TO, GETNEXT_REQ, -1);
@@ -566,12 +567,20 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     step("table reads while the distribution service is enabled, then refused once");
     platform::set_distribution(true, 0);
     reads({{PF, {}, 0}, {EA, {}, 0}, {TN, {}, 0}, {CC, {}, 0}, {AG, {}, 0},
-           {PF, text_index("ops"), 1}});
+           {PF, text_index("ops"), 1}, {AG, text_index("ops"), 1}});
+    fail(PO, VELD_GET_REQ, RESEND); // a read is not repeated
+    get(PF, text_index("ops"));
     for (int opcode : {PO, EO, CO}) {
         fail(opcode, VELD_GETNEXT_REQ, RESEND);
     }
     reads({{PF, {}, 0}, {EA, {}, 0}, {TN, {}, 0}, {CC, {}, 0}});
     set({prof(PL, "ops", 4)});
+    platform::set_distribution(true, 3); // show-run mode: plain reads, distributed ones for a SET
+    reads({{PF, {}, 0}, {PF, text_index("ops"), 1}, {EA, text_index("ops", {1}), 1}, {CC, {1, 1}, 1}});
+    for (int opcode : {PO, EO, CO}) { // repeated plainly for a SET
+        fail(opcode, VELD_GET_REQ, RESEND);
+    }
+    sets({{prof(PL, "ops", 4)}, {mail("ops", 1, 1)}, {cmd(1, 1, 1)}});
     platform::set_distribution(false, 0);
     step("table reads the service fails");
     for (int opcode : {PO, EO, CO, TO, GO}) {

@@ -22,29 +22,6 @@ constexpr int PO = CALLHOME_DEST_PROFILE_OPC, EO = CALLHOME_DEST_EMAIL_OPC,
               GO = CALLHOME_PROFILE_ALERTGROUP_OPC, TO = CALLHOME_ALERTGROUP_TYPE_OPC,
               CO = CALLHOME_USER_DEF_CMD_OPC;
 
-// A header function called directly, as the write handlers call it for a SET.
-mibAlertGroup_t summary;
-int header(u_char magic, const Arcs &index, int exact, int get_for_set) {
-    struct variable vp = column(magic);
-    Arcs a = arcs_of(magic) + index;
-    size_t n = a.size();
-    a.resize(MAX_OID_LEN);
-    switch (magic) {
-    case P:
-        return header_callHomeDestProfileEntry(vp.name, vp.namelen, a.data(), &n, exact,
-                                               &callHomeDestProfileEntry, get_for_set);
-    case E:
-        return header_callHomeDestEmailAddressEntry(vp.name, vp.namelen, a.data(), &n, exact,
-                                                    &callHomeDestEmailAddressEntry, get_for_set);
-    case C:
-        return header_callHomeUserDefCliCmdEntry(vp.name, vp.namelen, a.data(), &n, exact,
-                                                 &callHomeUserDefCliCmdEntry, get_for_set);
-    default:
-        return header_callhome_alertgroups(vp.name, vp.namelen, a.data(), &n, exact, &summary,
-                                           get_for_set);
-    }
-}
-
 class TableReadTest : public ::testing::Test {
   protected:
     // The type table answers from `types`; the other tables from their queues, with the end
@@ -111,38 +88,6 @@ std::string sent_key(const Request &r) {
         return std::string(k.alertgroup_type) + "/" + std::to_string(be(k.index));
     }
     return std::to_string(be32(FakeChannel::as<callhome_alertgroup_type_t>(r).index));
-}
-
-TEST_F(TableReadTest, RowReadsChooseTheirMessageTypeAndRepeatOnlyADistributionGetForASet) {
-    // Each read is first answered with a request to repeat it without distribution.
-    // clang-format off
-    const std::tuple<u_char, Arcs, int, size_t, Reply> tables[] = {
-        {P, text("p1"), PO, 51, record_reply(profile_rec("p1"))},
-        {E, text("p1") + Arcs{1}, EO, 297, record_reply(email_rec("p1", 1, "a@b"))},
-        {C, {1, 2}, CO, 865, record_reply(cmd_rec("Syslog", 2, "show"))}};
-    const struct { bool enabled; int mode, exact, get_for_set, type; } cases[] = {
-        {false, 0, 1, 0, GET_REQ}, {false, 0, 0, 0, GETNEXT_REQ}, {false, 0, 1, 1, GET_REQ},
-        {true, 0, 1, 0, VELD_GET_REQ}, {true, 0, 0, 0, VELD_GETNEXT_REQ}, {true, 3, 1, 0, GET_REQ},
-        {true, 3, 0, 0, GETNEXT_REQ}, {true, 3, 1, 1, VELD_GET_REQ}, {true, 0, 1, 1, VELD_GET_REQ}};
-    // clang-format on
-    for (const auto &[magic, index, opcode, size, row] : tables) {
-        for (const auto &c : cases) {
-            SCOPED_TRACE(::testing::Message() << int(magic) << " case " << &c - cases);
-            platform::set_distribution(c.enabled, c.mode);
-            restart();
-            queues[opcode] = {status_reply(CALLHOME_ERR_VELD_RESEND), row};
-            const int rc = header(magic, index, c.exact, c.get_for_set);
-            const auto s = sent(opcode);
-            const bool repeated = c.type == VELD_GET_REQ && c.get_for_set;
-            ASSERT_EQ(s.size(), repeated ? 2u : 1u);
-            expect_call(s[0], c.type, size);
-            EXPECT_EQ(rc, repeated ? 0 : CALLHOME_ERR_VELD_RESEND);
-            if (repeated) {
-                expect_call(s[1], GET_REQ, size);
-                EXPECT_EQ(s[0].record, s[1].record);
-            }
-        }
-    }
 }
 
 TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
@@ -230,36 +175,6 @@ TEST_F(TableReadTest, RowStatusIsReadFromTheModulesRecord) {
     queues[PO] = {record_reply(profile_rec("p1"))};
     EXPECT_EQ(fetch(CALLHOMEDESTPROFILESTATUS, text("p1"), 1).value,
               reinterpret_cast<u_char *>(&callHomeDestProfileEntry.row_status));
-}
-
-TEST_F(TableReadTest, AlertGroupDistributionVariantsAndTheirResends) {
-    // A read, then reads for a SET that the service asks to repeat without distribution: the
-    // groups are then walked plainly to the end.
-    platform::set_distribution(true, 0);
-    const Reply resend = status_reply(CALLHOME_ERR_VELD_RESEND);
-    const std::tuple<int, int, std::vector<int>> cases[] = {
-        {1, 0, {VELD_GET_REQ, VELD_GETNEXT_REQ, VELD_GETNEXT_REQ}},
-        {1, 1, {VELD_GET_REQ, GET_REQ, VELD_GETNEXT_REQ, GETNEXT_REQ, GETNEXT_REQ}},
-        {0, 1, {VELD_GETNEXT_REQ, GETNEXT_REQ, VELD_GETNEXT_REQ, GETNEXT_REQ, GETNEXT_REQ}}};
-    for (const auto &[exact, get_for_set, want] : cases) {
-        restart();
-        queues = {{PO, {record_reply(profile_rec("p1"))}},
-                  {GO, {record_reply(group_rec("p1", "Syslog"))}}};
-        if (get_for_set) {
-            queues[PO].push_front(resend);
-            queues[GO].push_front(resend);
-        }
-        ASSERT_EQ(header(G, text("p1"), exact, get_for_set), 0);
-        std::vector<int> types;
-        for (const auto &r : channel->requests()) {
-            if (r.opcode != TO) {
-                types.push_back(r.msg_type);
-            }
-        }
-        EXPECT_EQ(types, want);
-        EXPECT_STREQ(summary.destination_profile_id, "p1");
-        EXPECT_TRUE(summary.bitset_size == 32u && summary.bitset[0] == 0x40);
-    }
 }
 
 } // namespace
