@@ -9,9 +9,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
-#include <map>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "callhome_mib.h"
@@ -40,6 +38,14 @@ inline Arcs operator+(Arcs a, const Arcs &b) {
 
 // ---- The scripted channel: records every request and answers from a queue or a function ----
 
+template <class Record> Reply record_reply(const Record &r) {
+    const auto *p = reinterpret_cast<const uint8_t *>(&r);
+    return Reply{0, true, Bytes(p, p + sizeof r), 0};
+}
+inline Reply status_reply(int status, int err = 0) {
+    return Reply{status, false, {}, err};
+}
+
 class FakeChannel {
   public:
     FakeChannel() {
@@ -50,10 +56,9 @@ class FakeChannel {
     FakeChannel &operator=(const FakeChannel &) = delete;
 
     // Queued answers are used in order; with the queue empty, the default answer.
-    void answer_status(int status) { replies_.push_back(Reply{status, false, {}, 0}); }
+    void answer_status(int status) { replies_.push_back(status_reply(status)); }
     template <class Record> void answer(const Record &rec) {
-        const auto *p = reinterpret_cast<const uint8_t *>(&rec);
-        replies_.push_back(Reply{0, true, Bytes(p, p + sizeof rec), 0});
+        replies_.push_back(record_reply(rec));
     }
     void set_default(Reply reply) { default_ = std::move(reply); }
     // Answers every request through `fn` instead (the queue is ignored).
@@ -93,14 +98,6 @@ class FakeChannel {
     Reply default_{CALLHOME_UNKNOWN_ENTRY, false, {}, 0};
     std::function<Reply(const Request &)> handler_;
 };
-
-template <class Record> Reply record_reply(const Record &r) {
-    const auto *p = reinterpret_cast<const uint8_t *>(&r);
-    return Reply{0, true, Bytes(p, p + sizeof r), 0};
-}
-inline Reply status_reply(int status, int err = 0) {
-    return Reply{status, false, {}, err};
-}
 
 // ---- Wire records ----
 

@@ -2,10 +2,12 @@
 // in-process (with failures injected on the channel where a step needs one). The whole trace
 // output, level and text of every record, and what the handlers write to standard error must
 // equal golden/trace.txt: every trace text and complaint the module emits is pinned here and
-// nowhere else. Between them the file records each request that reached the channel ("> request
-// opcode/type" and the answer), after each read the value and OID handed to the agent, after
-// each SET its status, failed phase, error record and logged failure ("= ..."); the unit tests
-// keep only what needs a scripted answer. (Not reached: the allocation failures of the table
+// nowhere else. Between them the file records each request that reached the channel ("> request":
+// opcode/type, user/session, client, queue, wait, whether an answer record is wanted, the record's
+// size and its non-zero bytes by offset, then the answer), after each read the value and OID
+// handed to the agent and whether a write handler came with it, after each SET its status, failed
+// phase, error record, logged failure, heartbeats and any rows left in the containers ("= ...").
+// The unit tests keep only what needs a scripted answer or no service. (Not reached: the allocation failures of the table
 // writes, which no test can inject, and a notification without payload, which the platform never
 // hands over.)
 //
@@ -25,11 +27,6 @@ namespace callhome_test {
 namespace {
 
 const std::string kGolden = CALLHOME_GOLDEN_DIR "/trace.txt";
-
-// The OID of object `magic` as the object table names it, followed by `tail`.
-Oid object_oid(u_char magic, const Oid &tail = {}) {
-    return arcs_of(magic) + tail;
-}
 
 // One trace record per line: its level, then the text with \ and control characters escaped.
 std::string line_of(int level, const std::string &text) {
@@ -228,20 +225,17 @@ constexpr int PO = CALLHOME_DEST_PROFILE_OPC, EO = CALLHOME_DEST_EMAIL_OPC,
 const std::string kIp4("\xC0\x00\x02\x07", 4);
 
 Oid text_index(const std::string &s, const Oid &tail = {}) {
-    Oid o{s.size()};
-    o.insert(o.end(), s.begin(), s.end());
-    o.insert(o.end(), tail.begin(), tail.end());
-    return o;
+    return text(s) + tail;
 }
 Varbind num(u_char magic, long v, u_char type = I, const Oid &tail = {0}) {
-    return int_vb(object_oid(magic, tail), v, type);
+    return int_vb(arcs_of(magic) + tail, v, type);
 }
 Varbind str(u_char magic, const std::string &s, const Oid &tail = {0}) {
-    return str_vb(object_oid(magic, tail), s);
+    return str_vb(arcs_of(magic) + tail, s);
 }
 // A value of five bytes, which no handler takes.
 Varbind five(u_char magic, const Oid &tail, uint8_t b, u_char type = I) {
-    return {object_oid(magic, tail), type, Bytes(5, b)};
+    return {arcs_of(magic) + tail, type, Bytes(5, b)};
 }
 const auto prof = [](u_char m, const std::string &name, long v) {
     return num(m, v, m == PM ? U : I, text_index(name));
@@ -255,25 +249,19 @@ const auto addr = [](const std::string &n, oid i, const std::string &a) {
 const auto cmd = [](oid type, oid i, long v) { return num(CS, v, I, {type, i}); };
 const auto cli = [](oid type, oid i, const std::string &c) { return str(CC, c, {type, i}); };
 const auto groups = [](const std::string &name, Bytes v) {
-    return Varbind{object_oid(AG, text_index(name)), ASN_OCTET_STR, std::move(v)};
+    return Varbind{arcs_of(AG) + text_index(name), ASN_OCTET_STR, std::move(v)};
 };
 
+// clang-format off
 TEST_F(GoldenTrace, SessionThroughEveryHandler) {
-    const u_char text_scalars[] = {
-        SYSCONTACTPHONENUMBER, SYSCONTACTEMAILADDRESS, SYSSTREETADDRESS,
-        CALLHOMECUSTOMERID,    CALLHOMECONTRACTID,     CALLHOMESITEID,
-        CALLHOMEEMAILFROM,     CALLHOMEEMAILREPLYTO,   CALLHOMEEMAILMSGDISPNOTIFICATION};
-    const u_char int_scalars[] = {CALLHOMEENABLE,
-                                  CALLHOMEDEVICESERVICEPRIORITY,
-                                  CALLHOMEALERTTEST,
-                                  CALLHOMESMTPSERVERADDRTYPE,
-                                  CALLHOMESMTPSERVERPORT,
-                                  PERIODICSWINVENTORYMSGENABLE,
-                                  PERIODICSWINVENTORYTIMEFRAME,
-                                  MSGTHROTTLINGENABLE};
+    const u_char text_scalars[] = {SYSCONTACTPHONENUMBER, SYSCONTACTEMAILADDRESS, SYSSTREETADDRESS,
+        CALLHOMECUSTOMERID, CALLHOMECONTRACTID, CALLHOMESITEID, CALLHOMEEMAILFROM,
+        CALLHOMEEMAILREPLYTO, CALLHOMEEMAILMSGDISPNOTIFICATION};
+    const u_char int_scalars[] = {CALLHOMEENABLE, CALLHOMEDEVICESERVICEPRIORITY, CALLHOMEALERTTEST,
+        CALLHOMESMTPSERVERADDRTYPE, CALLHOMESMTPSERVERPORT, PERIODICSWINVENTORYMSGENABLE,
+        PERIODICSWINVENTORYTIMEFRAME, MSGTHROTTLINGENABLE};
     auto is_gauge = [](u_char m) {
-        return m == CALLHOMESMTPSERVERPORT || m == PERIODICSWINVENTORYTIMEFRAME;
-    };
+        return m == CALLHOMESMTPSERVERPORT || m == PERIODICSWINVENTORYTIMEFRAME; };
 
     // Two alert-group types keep the registry's refreshes short.
     for (const char *type : {"Environmental", "Inventory", "Syslog", "System", "Test"}) {
@@ -324,7 +312,6 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     get(CALLHOMEENABLE, {0, 1});
     next(CALLHOMEENABLE);
 
-    // clang-format off
     step("scalar writes");
     for (u_char m : text_scalars) {
         set({str(m, m == SYSCONTACTPHONENUMBER ? "+1-555-0100" : "golden@example.com")});
@@ -338,18 +325,22 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     // The longest texts, spaces inside, a text ending at its NUL, an integer in 4 bytes, the
     // other ends of the ranges.
     for (u_char m : text_scalars) {
-        set({str(m, m == SYSCONTACTPHONENUMBER ? "+" + std::string(16, '1') : std::string(255, 'x'))});
+        set({str(m, m == SYSCONTACTPHONENUMBER ? "+" + std::string(16, '1')
+                                               : std::string(255, 'x'))});
     }
     sets({{str(SYSCONTACTPHONENUMBER, "+1 800-555")}, {str(CALLHOMESITEID, "in\tside")},
-          {str(CALLHOMESITEID, std::string("ab\0cd", 5))}, {{object_oid(CALLHOMEENABLE, {0}), I, {2, 0, 0, 0}}},
+          {str(CALLHOMESITEID, std::string("ab\0cd", 5))},
+          {{arcs_of(CALLHOMEENABLE) + Oid{0}, I, {2, 0, 0, 0}}},
           {num(MSGTHROTTLINGENABLE, 1)}, {num(CALLHOMEDEVICESERVICEPRIORITY, 8)},
           {num(CALLHOMEDEVICESERVICEPRIORITY, 1)}, {num(CALLHOMESMTPSERVERADDRTYPE, 16)},
           {num(CALLHOMESMTPSERVERADDRTYPE, 1)}, {str(PERIODICSWINVENTORYTIMEOFDAY, "23:59")},
-          {str(PERIODICSWINVENTORYTIMEOFDAY, "00:00")}, {str(PERIODICSWINVENTORYTIMEOFDAY, "09:5")}});
+          {str(PERIODICSWINVENTORYTIMEOFDAY, "00:00")},
+          {str(PERIODICSWINVENTORYTIMEOFDAY, "09:5")}});
     // The alert action: "no action" is never sent; a wait that runs out is no failure.
     set({num(CALLHOMEALERTTEST, 1)});
     for (const auto &[status, err] : std::vector<std::pair<int, int>>{
-             {0, 0}, {-1, ETIME}, {-1, ECONNREFUSED}, {CALLHOME_UNKNOWN_ENTRY, 0}, {0x403B0040, 0}}) {
+             {0, 0}, {-1, ETIME}, {-1, ECONNREFUSED}, {CALLHOME_UNKNOWN_ENTRY, 0},
+             {0x403B0040, 0}}) {
         fail(CALLHOME_ALERT_ACTION_OPC, SET_REQ, status, 0, err);
         set({num(CALLHOMEALERTTEST, 3)});
     }
@@ -382,7 +373,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
         sets({{str(m, " lead")}, {str(m, "trail ")}, {str(m, " ")}});
     }
     // The phone number: '+', then digits, spaces and dashes.
-    for (const char *phone : {"+", "+1 800-555 ", "+ ", "1800", " +1800", "+1800x", "+1(800)", "++1"}) {
+    for (const char *phone :
+         {"+", "+1 800-555 ", "+ ", "1800", " +1800", "+1800x", "+1(800)", "++1"}) {
         set({str(SYSCONTACTPHONENUMBER, phone)});
     }
     // The address must fit the type; the last two leave the record as the step found it.
@@ -459,7 +451,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {mail("ops", 3, 4), addr("ops", 3, "")}, {mail("ops", 3, 4), addr("ops", 3, "a@b ")},
           {mail("ops", 3, 4), addr("ops", 3, std::string(256, 'x'))},
           {num(EA, 1, I, text_index("ops", {3}))}, {addr("ops", 1, "new@ops.example")},
-          {addr("ops", 3, "new@ops.example")}, {mail("ops", 9, 4), addr("ops", 9, std::string(255, 'x'))},
+          {addr("ops", 3, "new@ops.example")},
+          {mail("ops", 9, 4), addr("ops", 9, std::string(255, 'x'))},
           {mail("ops", 9, 6)}, {mail("ops", 8, 6)}});
     step("address writes the service or the containers fail, and UNDO");
     failing(EO, SET_REQ, INVALID, {mail("ops", 4, 4), addr("ops", 4, "c@ops.example")});
@@ -479,7 +472,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
           {str(CS, "4", {1, 3})}, {five(CS, {1, 3}, 4)},
           {cmd(1, 3, 4), cli(1, 3, std::string(600, 'c'))}, {num(CC, 1, I, {1, 3})},
           {cli(1, 1, "show run")}, {cli(1, 3, "show run")}, {num(CC, 1, ASN_OCTET_STR, {1})},
-          {str(CC, "x", {1, 3, 3})}, {cmd(1, 1, 2)}, {cmd(1, 9, 4), cli(1, 9, std::string(599, 'c'))},
+          {str(CC, "x", {1, 3, 3})}, {cmd(1, 1, 2)},
+          {cmd(1, 9, 4), cli(1, 9, std::string(599, 'c'))},
           {cmd(1, 9, 6)}, {cmd(1, 8, 6)}});
     step("user command writes the service or the containers fail, and UNDO");
     failing(CO, SET_REQ, INVALID, {cmd(1, 4, 4), cli(1, 4, "show log")});
@@ -498,7 +492,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     step("profile alert groups");
     sets({{groups("ops", {0x40})}, {groups("ops", {0x30})}, {groups("ops", {0xFF})},
           {groups("ops", {0x60})}, {groups("ops", {0x40})}, {groups("ops", {})},
-          {groups("ops", {0xFF})}, {groups("ops", {0, 0})}, {groups("ops", {0x40, 0, 0, 0, 0, 0, 0, 0})},
+          {groups("ops", {0xFF})}, {groups("ops", {0, 0})},
+          {groups("ops", {0x40, 0, 0, 0, 0, 0, 0, 0})},
           {groups("ops", {})},
           {groups("ops", Bytes(9, 0))}, {num(AG, 1, I, text_index("ops"))},
           {groups("ghost", {0x40})}});
@@ -511,10 +506,9 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     set({groups("ops", {0x20})});
     fail(PO, VELD_GET_REQ, RESEND, 1);
     failing(GO, VELD_GETNEXT_REQ, RESEND, {groups("ops", {0x40})}, 2);
-    // clang-format on
     // A read for a SET that walks on from the profile (no handler asks for one today).
     fail(PO, VELD_GETNEXT_REQ, RESEND);
-    Oid column = object_oid(AG), from = object_oid(AG, {});
+    Oid column = arcs_of(AG), from = arcs_of(AG);
     size_t from_len = from.size();
     from.resize(MAX_OID_LEN);
     mibAlertGroup_t summary{};
@@ -539,7 +533,6 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
             next(v.magic);
         }
     }
-    // clang-format off
     reads({{PF, text_index("ops"), 1}, {PF, text_index("ghost"), 1}, {PF, text_index("ops"), 0},
            {PF, text_index("zzz"), 0}, {AG, text_index("ops"), 1}, {AG, text_index("ops"), 0},
            {EA, text_index("ops", {1}), 1}, {EA, text_index("ops", {9}), 1},
@@ -561,7 +554,7 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
            {AG, {}, 1}, {AG, {3, 97}, 1}, {CC, {2, 6}, 1}, {CC, {2}, 1}, {CC, {}, 1},
            {CC, {2, 3, 1}, 1}});
     for (u_char m : {PF, EA, TN}) {
-        read(m, {}, 0, object_oid(CC, text_index(ab)));
+        read(m, {}, 0, arcs_of(CC) + text_index(ab));
         read(m, {}, 0, {1, 3, 6, 1, 4, 1, 32473, 9, 300, 1, 1, 11});
     }
     step("table reads while the distribution service is enabled, then refused once");
@@ -576,7 +569,8 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     reads({{PF, {}, 0}, {EA, {}, 0}, {TN, {}, 0}, {CC, {}, 0}});
     set({prof(PL, "ops", 4)});
     platform::set_distribution(true, 3); // show-run mode: plain reads, distributed ones for a SET
-    reads({{PF, {}, 0}, {PF, text_index("ops"), 1}, {EA, text_index("ops", {1}), 1}, {CC, {1, 1}, 1}});
+    reads({{PF, {}, 0}, {PF, text_index("ops"), 1}, {EA, text_index("ops", {1}), 1},
+           {CC, {1, 1}, 1}});
     for (int opcode : {PO, EO, CO}) { // repeated plainly for a SET
         fail(opcode, VELD_GET_REQ, RESEND);
     }
@@ -592,7 +586,6 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     reads({{PF, {}, 0}, {EA, {}, 0}, {TN, {}, 0}, {CC, {}, 0}, {PF, text_index("ops"), 1},
            {EA, text_index("ops", {1}), 1}, {TN, {1}, 1}, {CC, {1, 1}, 1},
            {AG, text_index("ops"), 1}, {AG, text_index("ops"), 0}});
-    // clang-format on
 
     step("alert-group types added and removed: notifications");
     EXPECT_EQ(svc.admin({"group", "add", "Power"}).first, 0);
@@ -606,6 +599,7 @@ TEST_F(GoldenTrace, SessionThroughEveryHandler) {
     deinit_callhome_mib();
     collect();
 
+    // clang-format on
     const std::string got = out_.str();
     if (const char *update = std::getenv("CALLHOME_UPDATE_GOLDEN"); update && *update == '1') {
         std::ofstream(kGolden) << got;

@@ -183,4 +183,23 @@ TEST_F(Scalars, WriteReserve1Ranges) {
     EXPECT_EQ(channel.count(), 0u);
 }
 
+// Phase numbers a SET never uses, in table and scalar handlers alike, change nothing and send
+// nothing (the phases of whole SETs: the golden session).
+TEST_F(Scalars, WritePhasesOutsideTheSetAreHarmless) {
+    Varbind vb = int_vb(profile_oid(kProfileStatus, "p1"), 4);
+    for (WriteMethod *m : {set_callHomeDestProfileStatus, set_callHomeDestProfileMsgFormat,
+                           set_callHomeDestProfileMaxMsgSize, set_callHomeDestProfileTrnsprtMthd,
+                           set_callHomeDestProfileMsgLevel, set_callHomeDestEmailAddress,
+                           set_callHomeDestEmailAddressStatus, set_callHomeUserDefCliCmd,
+                           set_callHomeUserDefCliCmdStatus, set_callhome_alertgroups,
+                           set_callHomeEnable, set_callHomeSiteId, set_callHomeSmtpServerAddr}) {
+        for (int action : {6, 9}) {
+            EXPECT_EQ(m(action, vb.value.data(), vb.type, vb.value.size(), nullptr, vb.name.data(),
+                        vb.name.size()),
+                      0);
+        }
+    }
+    EXPECT_EQ(channel.count(), 0u);
+}
+
 } // namespace

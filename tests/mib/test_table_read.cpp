@@ -52,42 +52,26 @@ class TableReadTest : public ::testing::Test {
         channel->clear();
         queues.clear();
     }
-    // What every table read passes besides its record.
-    static void expect_call(const Request &r, int msg_type, size_t record_size) {
-        EXPECT_EQ(std::make_pair(r.msg_type, r.record.size()),
-                  std::make_pair(msg_type, record_size));
-        EXPECT_TRUE(r.wants_record && r.client == 66 && r.wait == 4 && r.queue == mts_response_q);
-        EXPECT_TRUE(r.user == "ops" && r.session == 4242u);
-    }
     std::optional<FakeChannel> channel;
     Types types = {{1, "Syslog"}, {2, "Inventory"}, {3, "Environmental"}, {4, "Test"}};
     std::map<int, std::deque<Reply>> queues;
 };
 
-// The key a read sent: profile name, e-mail name/index, group profile/name, command type/index
-// or type index. The rest of the key record is clear.
+// The key a read sent: profile name, e-mail name/index, group profile/name or command
+// type/index (the whole records as they travel: the golden session).
 std::string sent_key(const Request &r) {
-    if (r.opcode == PO) {
-        const auto k = FakeChannel::as<callHomeDestProfileEntry_t>(r);
-        EXPECT_TRUE(k.row_status == 0 && k.request_flag == 0 && k.format_method == 0);
-        return k.destination_profile_id;
+    const auto *text = reinterpret_cast<const char *>(r.record.data());
+    switch (r.opcode) {
+    case PO:
+        return text;
+    case EO:
+        return std::string(text) + "/" +
+               std::to_string(be(FakeChannel::as<callHomeDestEmailAddressEntry_t>(r).index));
+    case GO:
+        return std::string(text) + "/" + FakeChannel::as<callHomeAlertGroupEntry_t>(r).alert_group;
+    default:
+        return std::string(text + 4) + "/" + std::to_string(be(FakeChannel::as<Cmd>(r).index));
     }
-    if (r.opcode == EO) {
-        const auto k = FakeChannel::as<callHomeDestEmailAddressEntry_t>(r);
-        EXPECT_TRUE(k.commit_flag == 0 && k.row_status == 0);
-        return std::string(k.destination_profile_id) + "/" + std::to_string(be(k.index));
-    }
-    if (r.opcode == GO) {
-        const auto k = FakeChannel::as<callHomeAlertGroupEntry_t>(r);
-        EXPECT_TRUE(k.word == 0 && k.request_flag == 0);
-        return std::string(k.destination_profile_id) + "/" + k.alert_group;
-    }
-    if (r.opcode == CO) {
-        const auto k = FakeChannel::as<Cmd>(r);
-        EXPECT_TRUE(k.request_flag == 0 && k.row_status == 0);
-        return std::string(k.alertgroup_type) + "/" + std::to_string(be(k.index));
-    }
-    return std::to_string(be32(FakeChannel::as<callhome_alertgroup_type_t>(r).index));
 }
 
 TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
@@ -151,7 +135,6 @@ TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
         {C, {1, 5}, 0, {}, "none", {2, 0}, CO, GETNEXT_REQ, "Inventory/0"},
         {C, {9, 1}, 0, {}, "none", {9, 1}, CO, 0, "-"}};
     // clang-format on
-    const std::map<int, size_t> sizes = {{PO, 51}, {EO, 297}, {GO, 301}, {TO, 260}, {CO, 865}};
     for (size_t i = 0; i < std::size(cases); ++i) {
         const Scenario &c = cases[i];
         SCOPED_TRACE(::testing::Message() << "case " << i);
@@ -164,7 +147,7 @@ TEST_F(TableReadTest, ReadsAnswerTheServicesRowAndWriteItsOidBack) {
         const auto s = sent(c.opcode);
         ASSERT_EQ(s.empty(), c.key == "-");
         if (!s.empty()) {
-            expect_call(s[0], c.msg_type, sizes.at(c.opcode));
+            EXPECT_EQ(s[0].msg_type, c.msg_type);
             EXPECT_EQ(sent_key(s[0]), c.key);
         }
     }
