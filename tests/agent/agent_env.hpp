@@ -126,7 +126,9 @@ inline std::string mode_name(AgentMode mode) {
     return mode == AgentMode::Dlmod ? "dlmod" : "agentx";
 }
 // For gtest's messages: the mode's name, not its bytes.
-inline void PrintTo(AgentMode mode, std::ostream *os) { *os << mode_name(mode); }
+inline void PrintTo(AgentMode mode, std::ostream *os) {
+    *os << mode_name(mode);
+}
 
 // ".len.c1.c2..." : a text index as a table row's OID carries it.
 inline std::string text_index(const std::string &s) {
