@@ -131,12 +131,19 @@ void record_failure_status(db::Database &db, uint32_t code, const std::string &w
     write_status(db, s);
 }
 
-int64_t enqueue(db::Database &db, const NewMessage &m, const timeval &now,
-                const std::string &host) {
+namespace {
+std::string join_recipients(const std::vector<std::string> &recipients) {
     std::string joined;
-    for (const auto &r : m.recipients) {
+    for (const auto &r : recipients) {
         joined += (joined.empty() ? "" : ", ") + r;
     }
+    return joined;
+}
+} // namespace
+
+int64_t enqueue(db::Database &db, const NewMessage &m, const timeval &now,
+                const std::string &host) {
+    const std::string joined = join_recipients(m.recipients);
     db.exec("INSERT INTO outbox(created_sec, created_usec, profile, alert_group, severity, "
             "recipients, format, subject, body, message_id, state, next_attempt_sec) "
             "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
@@ -218,14 +225,35 @@ std::optional<int64_t> next_due(db::Database &db) {
     return due;
 }
 
-void record_accepted(db::Database &db, int64_t id, const timeval &now, const std::string &note) {
+void record_accepted(db::Database &db, int64_t id, const timeval &now, const std::string &note,
+                     const std::vector<std::string> &retry,
+                     const std::vector<int> &retry_delays_s) {
     db::Transaction tx(db);
+    // A copy for recipients put off earlier is the same message: it is counted once.
+    int64_t accepted_before = 0;
+    db.query("SELECT COUNT(*) FROM outbox WHERE state = ? AND id != ? AND message_id = "
+             "(SELECT message_id FROM outbox WHERE id = ?)",
+             {std::string(kSent), id, id},
+             [&](const db::Row &r) { accepted_before = r.integer(0); });
     db.exec("UPDATE outbox SET state = ?, sent_sec = ?, last_error = ? WHERE id = ?",
             {std::string(kSent), int64_t(now.tv_sec), note, id});
+    int attempts = 0;
+    db.query("SELECT attempts FROM outbox WHERE id = ?", {id},
+             [&](const db::Row &r) { attempts = int(r.integer(0)); });
+    if (!retry.empty() && attempts >= 1 && size_t(attempts) <= retry_delays_s.size()) {
+        db.exec("INSERT INTO outbox(created_sec, created_usec, profile, alert_group, severity, "
+                "recipients, format, subject, body, message_id, state, attempts, "
+                "last_attempt_sec, next_attempt_sec, last_error) "
+                "SELECT created_sec, created_usec, profile, alert_group, severity, ?, format, "
+                "subject, body, message_id, ?, attempts, last_attempt_sec, ?, ? "
+                "FROM outbox WHERE id = ?",
+                {join_recipients(retry), std::string(kRetrying),
+                 int64_t(now.tv_sec) + retry_delays_s[size_t(attempts - 1)], note, id});
+    }
     Status s = read_status(db);
     s.sec = uint32_t(now.tv_sec);
     s.usec = uint32_t(now.tv_usec);
-    s.sent += 1;
+    s.sent += accepted_before == 0 ? 1 : 0;
     s.message_status = 1;
     s.error_code = 0;
     s.error_message.clear();

@@ -93,7 +93,11 @@ std::optional<Entry> claim_due(db::Database &db, int64_t now);
 // When the next waiting message falls due (epoch seconds), if any.
 std::optional<int64_t> next_due(db::Database &db);
 // The server accepted the message for at least one recipient; `note` says which were refused.
-void record_accepted(db::Database &db, int64_t id, const timeval &now, const std::string &note);
+// The recipients it put off for now (`retry`) get a copy of the message of their own, which
+// waits like a failed attempt would (retry_delays_s[attempts - 1]); after the last delay they
+// are given up and only `note` tells of them.
+void record_accepted(db::Database &db, int64_t id, const timeval &now, const std::string &note,
+                     const std::vector<std::string> &retry, const std::vector<int> &retry_delays_s);
 // The attempt failed: a permanent cause, or a temporary one after the last delay, finishes
 // the message as failed; otherwise it waits retry_delays_s[attempts - 1].
 void record_failed(db::Database &db, int64_t id, int64_t now, const std::string &reason,

@@ -179,8 +179,9 @@ bool Sender::Impl::deliver_one() {
     const std::string what = "message " + std::to_string(e->id) + " (attempt " +
                              std::to_string(e->attempts) + ", " + s.server.where() + ")";
     if (r.outcome == smtp::Outcome::Accepted) {
-        outbox::record_accepted(db_, e->id, now, r.reason);
-        log(what + " accepted" + (r.reason.empty() ? "" : "; refused recipients: " + r.reason));
+        outbox::record_accepted(db_, e->id, now, r.reason, r.retry, cfg_.retry_delays_s);
+        log(what + " accepted" + (r.reason.empty() ? "" : "; refused recipients: " + r.reason) +
+            (r.retry.empty() ? "" : "; those refused for now are tried again"));
         return true;
     }
     const bool permanent = r.outcome == smtp::Outcome::Permanent;

@@ -434,12 +434,16 @@ Result Client::send(const Server &server, const Mail &mail) {
 
     std::string refused;
     bool any_temporary = false;
+    std::vector<std::string> retry;
     for (const auto &r : t.refused) {
         refused += (refused.empty() ? "" : "; ") + r.reply;
         any_temporary = any_temporary || r.code < 500;
+        if (r.code < 500 && !r.address.empty()) {
+            retry.push_back(r.address);
+        }
     }
     if (rc == CURLE_OK) {
-        return {Outcome::Accepted, shorten(refused)};
+        return {Outcome::Accepted, shorten(refused), std::move(retry)};
     }
 
     // Refused by the server: its own words, permanent when it said 5xx. Every RCPT refused

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "callhome/config.hpp"
@@ -38,11 +39,17 @@ std::string format(const Mail &m);
 enum class Outcome { Accepted, Temporary, Permanent };
 
 struct Result {
-    Outcome outcome = Outcome::Temporary;
+    Result(Outcome o = Outcome::Temporary, std::string why = {},
+           std::vector<std::string> later = {})
+        : outcome(o), reason(std::move(why)), retry(std::move(later)) {}
+
+    Outcome outcome;
     // Failed: why, as an operator reads it ("connection to 127.0.0.1:2526 refused",
     // "550 5.1.1 unknown mailbox ops@example.com"). Accepted: the recipients the server
     // refused, if any; else empty.
     std::string reason;
+    // Accepted: the recipients the server refused for now (4xx), to be tried again.
+    std::vector<std::string> retry;
 };
 
 // A reusable transport. send() runs on one thread; interrupt() may be called from any

@@ -98,8 +98,10 @@ std::optional<schedule::State> Storage::schedule_state() {
 std::vector<std::tuple<std::string, std::string, int64_t>> Storage::alerts_since(int64_t since) {
     // Only alerts carry a severity (1 to 10); Test and Inventory messages carry 0.
     std::vector<std::tuple<std::string, std::string, int64_t>> out;
-    db_.query("SELECT profile, alert_group, created_sec FROM outbox WHERE severity > 0 AND "
-              "state != 'throttled' AND created_sec > ? ORDER BY created_sec, id",
+    // A copy for recipients the server put off is the same alert: grouped by Message-ID.
+    db_.query("SELECT profile, alert_group, MIN(created_sec) AS created FROM outbox WHERE "
+              "severity > 0 AND state != 'throttled' AND created_sec > ? GROUP BY message_id "
+              "ORDER BY created, MIN(id)",
               {since},
               [&](const db::Row &r) { out.emplace_back(r.text(0), r.text(1), r.integer(2)); });
     return out;
