@@ -18,6 +18,7 @@ parser.add_argument("--port", type=int, required=True)
 parser.add_argument("--dir", required=True)
 parser.add_argument("--reject", default="", help="RCPT of this address gets a 550")
 parser.add_argument("--tempfail", action="store_true", help="every RCPT gets a 451")
+parser.add_argument("--defer", default="", help="the first RCPT of this address gets a 451")
 parser.add_argument("--silent", action="store_true", help="accept TCP, never greet")
 parser.add_argument("--cert", help="offer STARTTLS with this certificate and require it")
 parser.add_argument("--key")
@@ -27,12 +28,16 @@ args = parser.parse_args()
 
 class Handler:
     count = 0
+    deferred = False
 
     async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
         if args.tempfail:
             return "451 4.3.0 mailbox busy, try again later"
         if address == args.reject:
             return "550 5.1.1 unknown mailbox " + address
+        if address == args.defer and not Handler.deferred:
+            Handler.deferred = True
+            return "451 4.2.1 mailbox full, try again later " + address
         envelope.rcpt_tos.append(address)
         return "250 OK"
 
