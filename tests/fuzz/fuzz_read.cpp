@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         asked.push_back(in.arc());
     }
     for (size_t i = 0; i < CALLHOME_MIB_VARIABLE_COUNT; ++i) {
-        variable vp = callhome_fuzz::object(i);
+        variable vp = callhome_test::object_var(i);
         const bool inside =
             asked.size() >= vp.namelen && std::equal(vp.name, vp.name + vp.namelen, asked.begin());
         if (exact && !inside) {

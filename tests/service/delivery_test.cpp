@@ -4,19 +4,9 @@
 // objects and the outbox say, what survives kill -9.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
 
 #include "callhome/config.hpp"
 #include "cmi.h"
@@ -27,21 +17,14 @@
 #include "smtp.hpp"
 
 using namespace svc_test;
+using namespace callhome_test;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::string slurp(const std::string &path) {
-    std::stringstream ss;
-    ss << std::ifstream(path).rdbuf();
-    return ss.str();
-}
 void spit(const std::string &path, const std::string &text, mode_t mode = 0600) {
     std::ofstream(path) << text;
     chmod(path.c_str(), mode);
-}
-bool contains(const std::string &hay, const std::string &needle) {
-    return hay.find(needle) != std::string::npos;
 }
 int free_tcp_port() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -54,83 +37,41 @@ int free_tcp_port() {
     close(fd);
     return ntohs(a.sin_port);
 }
-// Polls every 20 ms for at most 20 s: the bound only cuts a hung test short.
-template <class F> bool eventually(F done) {
-    for (const auto end = Clock::now() + std::chrono::seconds(20); Clock::now() < end;) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
-}
-
-// A child process with its output in `log`; killed and reaped when it goes out of scope.
-struct Proc {
-    pid_t pid = -1;
-    void start(std::vector<std::string> args, const std::string &log) {
-        if ((pid = fork()) == 0) {
-            const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-            dup2(fd, 1);
-            dup2(fd, 2);
-            callhome_test::exec_args(std::move(args));
-        }
-    }
-    int stop(int sig = SIGKILL) {
-        int st = 0;
-        if (pid > 0) {
-            kill(pid, sig);
-            waitpid(pid, &st, 0);
-            pid = -1;
-        }
-        return st;
-    }
-    ~Proc() { stop(); }
-};
 
 class Delivery : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/callhome-delivery-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir = tmpl;
-        mail = dir + "/mail";
         mkdir(mail.c_str(), 0700);
         write_config("");
-        platform::set_socket_path(dir + "/callhomed.sock");
+        platform::set_socket_path(dir / "callhomed.sock");
     }
     void TearDown() override {
-        daemon.stop();
-        smtp.stop();
+        daemon.stop(SIGKILL);
         platform::disconnect();
         platform::set_socket_path("");
-        std::filesystem::remove_all(dir);
     }
 
     void write_config(const std::string &extra) {
-        spit(dir + "/callhomed.conf", "smtp_timeout_s = 2\nretry_delays_s = 1, 1\n" + extra);
+        spit(dir / "callhomed.conf", "smtp_timeout_s = 2\nretry_delays_s = 1, 1\n" + extra);
     }
     void start_smtp(Strings opts = {}) {
         unlink((mail + "/ready").c_str());
         opts.insert(opts.begin(), {"/usr/bin/python3", SMTP_SERVER_SCRIPT, "--port",
                                    std::to_string(port), "--dir", mail});
-        smtp.start(opts, dir + "/smtp.log");
+        smtp = Child(opts, [&] { redirect(dir / "smtp.log"); });
         ASSERT_TRUE(eventually([&] { return access((mail + "/ready").c_str(), F_OK) == 0; }))
-            << slurp(dir + "/smtp.log");
+            << slurp(dir / "smtp.log");
     }
     void start_daemon() {
-        daemon.start({CALLHOMED_PATH, "--socket", dir + "/callhomed.sock", "--db",
-                      dir + "/callhome.db", "--config", dir + "/callhomed.conf"},
-                     dir + "/callhomed.log");
+        daemon = Child({CALLHOMED_PATH, "--socket", dir / "callhomed.sock", "--db",
+                        dir / "callhome.db", "--config", dir / "callhomed.conf"},
+                       [&] { redirect(dir / "callhomed.log"); });
         ASSERT_TRUE(eventually([&] { return ctl({"ping"}).status == 0; }))
-            << slurp(dir + "/callhomed.log");
+            << slurp(dir / "callhomed.log");
     }
-    callhome_test::CommandResult ctl(const Strings &args) {
-        std::string line = std::string(CALLHOMECTL_PATH) + " --socket '" + dir + "/callhomed.sock'";
-        for (const auto &a : args) {
-            line += " '" + a + "'";
-        }
-        return callhome_test::run_command(line + " 2>&1");
+    CommandResult ctl(Strings args) {
+        args.insert(args.begin(), {CALLHOMECTL_PATH, "--socket", dir / "callhomed.sock"});
+        return run_program(args, dir / "ctl");
     }
     // One request through the platform's channel, as the module sends it.
     int request(int opcode, int type, Bytes rec, Bytes *answer = nullptr) {
@@ -194,11 +135,12 @@ class Delivery : public ::testing::Test {
         }
         return out;
     }
-    bool newest_has(const std::string &text) { return contains(newest(), text); }
+    bool newest_has(const std::string &text) { return has(newest(), text); }
 
-    std::string dir, mail;
+    TempDir dir;
+    std::string mail = dir / "mail";
     int port = free_tcp_port();
-    Proc smtp, daemon;
+    Child smtp, daemon;
 };
 
 TEST_F(Delivery, AcceptedMessageCarriesEveryHeaderAndOnlyTheAcceptedRecipients) {
@@ -219,7 +161,7 @@ TEST_F(Delivery, AcceptedMessageCarriesEveryHeaderAndOnlyTheAcceptedRecipients) 
           "\nDate: ", " +0000\r\n", "\nMessage-ID: <", "\nMIME-Version: 1.0\r\n",
           "\nContent-Type: text/plain; charset=UTF-8\r\n",
           "\r\n\r\nMessage type: Test Call Home"}) {
-        EXPECT_TRUE(contains(m, h)) << h << "\n" << m;
+        EXPECT_TRUE(has(m, h)) << h << "\n" << m;
     }
     const auto s = status();
     EXPECT_EQ(1u, be(s.callhome_message_status));
@@ -227,9 +169,9 @@ TEST_F(Delivery, AcceptedMessageCarriesEveryHeaderAndOnlyTheAcceptedRecipients) 
     EXPECT_NE(0u, be(s.last_alert_sent.tv_sec));
     EXPECT_EQ("", text(s.callhome_error_message));
     const std::string box = newest();
-    EXPECT_TRUE(contains(box, "550 5.1.1 unknown mailbox gone@example.com")) << box;
-    EXPECT_TRUE(contains(box, "\"attempts\": 1")) << box;
-    EXPECT_FALSE(contains(box, "\"sent_at\": \"\"")) << box;
+    EXPECT_TRUE(has(box, "550 5.1.1 unknown mailbox gone@example.com")) << box;
+    EXPECT_TRUE(has(box, "\"attempts\": 1")) << box;
+    EXPECT_FALSE(has(box, "\"sent_at\": \"\"")) << box;
 }
 
 // A refusal's words reach the status objects whole; only temporary causes are retried.
@@ -310,7 +252,7 @@ TEST_F(Delivery, SilentServerDoesNotDelayTheChannel) {
 // STARTTLS with a throw-away certificate, then AUTH PLAIN; a wrong password fails at once
 // with the server's reply, and the password never shows.
 TEST_F(Delivery, StartTlsAndLogin) {
-    const std::string cert = dir + "/cert.pem", key = dir + "/key.pem";
+    const std::string cert = dir / "cert.pem", key = dir / "key.pem";
     ASSERT_EQ(0, std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "
                               "/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout '" +
                               key + "' -out '" + cert + "' 2>/dev/null")
@@ -321,26 +263,24 @@ TEST_F(Delivery, StartTlsAndLogin) {
         {"s3cret-pass", "\"state\": \"sent\""}};
     for (const auto &[password, expected] : cases) {
         SCOPED_TRACE(password);
-        daemon.stop();
-        spit(dir + "/password", std::string(password) + "\n");
-        write_config("smtp_security = starttls\nsmtp_user = device\nsmtp_password_file = " + dir +
-                     "/password\nsmtp_ca_file = " + cert + "\n");
+        daemon.stop(SIGKILL);
+        spit(dir / "password", std::string(password) + "\n");
+        write_config("smtp_security = starttls\nsmtp_user = device\nsmtp_password_file = " +
+                     dir / "password" + "\nsmtp_ca_file = " + cert + "\n");
         start_daemon();
         configure({"ops@example.com"});
         trigger();
         ASSERT_TRUE(eventually([&] { return newest_has(expected); })) << outbox();
-        EXPECT_FALSE(
-            contains(ctl({"dump"}).out + outbox() + slurp(dir + "/callhomed.log"), password));
+        EXPECT_FALSE(has(ctl({"dump"}).out + outbox() + slurp(dir / "callhomed.log"), password));
     }
     const auto got = received();
     ASSERT_EQ(1u, got.size());
-    EXPECT_TRUE(contains(got[0], "auth: device\n")) << got[0];
+    EXPECT_TRUE(has(got[0], "auth: device\n")) << got[0];
 }
 
 TEST(DeliveryConfig, BadFilesAreRefusedWithFileLineAndReason) {
-    char tmpl[] = "/tmp/callhome-conf-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    const std::string dir = tmpl, path = dir + "/c.conf", pw = dir + "/pw";
+    const TempDir tmp;
+    const std::string dir = tmp.path, path = dir + "/c.conf", pw = dir + "/pw";
     spit(pw, "secret\n", 0600);
     spit(dir + "/open", "secret\n", 0644);
     const struct {
@@ -371,7 +311,7 @@ TEST(DeliveryConfig, BadFilesAreRefusedWithFileLineAndReason) {
         } catch (const callhome::config::Error &e) {
             EXPECT_NE("", c.error) << e.what();
             EXPECT_EQ(0u, std::string(e.what()).find(path + c.error)) << e.what();
-            EXPECT_FALSE(contains(e.what(), "secret"));
+            EXPECT_FALSE(has(e.what(), "secret"));
         }
     }
     spit(path, "allowed_commands = /usr/bin/uname,/usr/sbin/ss  /bin/ls,\n");
@@ -387,13 +327,11 @@ TEST(DeliveryConfig, BadFilesAreRefusedWithFileLineAndReason) {
     EXPECT_EQ((std::vector<int>{30, 120, 600, 1800}), d.retry_delays_s);
     // The daemon stops at start with the same words.
     spit(path, "smtp_security = maybe\n");
-    Proc p;
-    p.start({CALLHOMED_PATH, "--socket", dir + "/s", "--db", dir + "/db", "--config", path},
-            dir + "/log");
-    EXPECT_EQ(1, WEXITSTATUS(p.stop(0)));
-    EXPECT_TRUE(contains(slurp(dir + "/log"), path + ":1: smtp_security must be"))
-        << slurp(dir + "/log");
-    std::filesystem::remove_all(dir);
+    const auto r =
+        run_program({CALLHOMED_PATH, "--socket", dir + "/s", "--db", dir + "/db", "--config", path},
+                    dir + "/d");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, path + ":1: smtp_security must be")) << r.err;
 }
 
 // Line lengths and non-ASCII text pick the transfer encoding; headers stay one line each.
@@ -413,10 +351,10 @@ TEST(DeliveryFormat, EncodingFollowsTheBody) {
         m.body = body;
         const std::string out = callhome::smtp::format(m);
         for (const auto &e : expected) {
-            EXPECT_TRUE(contains(out, e)) << e << "\n" << out;
+            EXPECT_TRUE(has(out, e)) << e << "\n" << out;
         }
-        EXPECT_TRUE(contains(out, "\r\nSubject: =?UTF-8?B?")) << out;
-        EXPECT_FALSE(contains(out, "\r\nBcc:")) << out;
+        EXPECT_TRUE(has(out, "\r\nSubject: =?UTF-8?B?")) << out;
+        EXPECT_FALSE(has(out, "\r\nBcc:")) << out;
     }
 }
 

@@ -13,8 +13,10 @@
 #include <memory>
 
 #include "callhome/service.hpp"
+#include "golden.hpp"
 #include "message.hpp"
 #include "records.hpp"
+#include "run_command.hpp"
 #include "runner.hpp"
 #include "schedule.hpp"
 #include "throttle.hpp"
@@ -25,9 +27,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool has(const std::string &hay, const std::string &needle) {
-    return hay.find(needle) != std::string::npos;
-}
 std::string repeat(const std::string &s, size_t n) {
     std::string out;
     while (n-- > 0) {
@@ -35,13 +34,11 @@ std::string repeat(const std::string &s, size_t n) {
     }
     return out;
 }
-std::string scratch_dir(const char *name) {
-    std::string tmpl = std::string("/tmp/") + name + "-XXXXXX";
-    return mkdtemp(tmpl.data());
-}
 
-TEST(Inventory, ReadsTheHostFilesInEachRendering) {
-    const std::string root = scratch_dir("inventory");
+// Every message text whole, in golden/messages.txt: the inventory read from a fake host, its
+// renderings, and the inventory, alert (commands attached) and test messages in each format.
+TEST(Message, TextsAsGolden) {
+    const callhome_test::TempDir root;
     const std::pair<const char *, const char *> files[] = {
         {"/etc/os-release", "NAME=\"Debian GNU/Linux\"\nPRETTY_NAME=\"Debian <12> & \\\"x\\\"\"\n"},
         {"/proc/cpuinfo", "processor\t: 0\nmodel name\t: Test CPU @ 2GHz\n\nprocessor\t: 1\n"},
@@ -51,30 +48,45 @@ TEST(Inventory, ReadsTheHostFilesInEachRendering) {
          "Package: zlib1g\nStatus: install ok installed\nArchitecture: amd64\n"
          "Version: 1:1.2.13\nDescription: compression\n more text\n .\n\n"
          "Package: gone\nStatus: deinstall ok config-files\nVersion: 1.0\n\n"
-         "Package: adduser\nStatus: hold ok installed\nArchitecture: all\nVersion: 3.134\n"
+         "Package: pkg-\xC3\xA9\nStatus: hold ok installed\nArchitecture: all\nVersion: 3.134\n"
          "Conffiles:\n /etc/adduser.conf abc\n"},
     };
     for (const auto &[path, text] : files) {
-        fs::create_directories(fs::path(root + path).parent_path());
-        std::ofstream(root + path) << text;
+        fs::create_directories(fs::path(root.path + path).parent_path());
+        std::ofstream(root.path + path) << text;
     }
-    auto inv = inventory::collect(root);
+    auto inv = inventory::collect(root.path);
     EXPECT_FALSE(inv.host.empty() || inv.kernel.empty());
     inv.host = "h";
     inv.kernel = "k";
-    EXPECT_EQ("Software inventory:\n  Host name: h\n  OS release: Debian <12> & \"x\"\n"
-              "  Kernel: k\n  CPU: 2 x Test CPU @ 2GHz\n"
-              "  Memory: 2048000 kB total, 1024000 kB available\n  Uptime: 1 days 02:03:04\n"
-              "  Installed packages (2):\n    adduser 3.134 all\n    zlib1g 1:1.2.13 amd64\n",
-              inventory::to_text(inv));
-    EXPECT_EQ("os=\"Debian <12> & \"x\"\" packages=2 cpus=2 mem_mb=2000 uptime_s=93784",
-              inventory::to_short(inv));
-    EXPECT_TRUE(
-        has(inventory::to_xml(inv, ""), "<os-release>Debian &lt;12&gt; &amp; &quot;x&quot;<"));
-    // Missing files leave their fields empty.
-    EXPECT_EQ("os=\"\" packages=0 cpus=0 mem_mb=0 uptime_s=0",
-              inventory::to_short(inventory::collect(root + "/nowhere")));
-    fs::remove_all(root);
+    std::vector<commands::Result> cmds(2);
+    cmds[0].line = "uname -a";
+    cmds[0].ran = true;
+    cmds[0].exit_status = 0;
+    cmds[0].output = "Linux <box>\x01\n";
+    cmds[1].line = "rm -rf /tmp/x";
+    cmds[1].note = "not run: rm is not in allowed_commands";
+    message::Input alert{message::kAlert, {{"priority", "2"}}, 1773100800, "h", "p"};
+    alert.group = "Diagnostic";
+    alert.severity = 3;
+    alert.subject = "disk";
+    alert.text = "disk full";
+    alert.commands = &cmds;
+    message::Input inventory{message::kInventory, {{"custId", "C-1"}}, 1773100800, "h", "p"};
+    inventory.inventory = &inv;
+    // Priority 8: never set.
+    message::Input test{message::kTest, {{"siteId", "S"}}, 1773100800, "h", "p"};
+    std::string out = "== inventory text\n" + inventory::to_text(inv) + "== inventory short\n" +
+                      inventory::to_short(inv) + "\n== inventory of nothing\n" +
+                      inventory::to_short(inventory::collect(root / "nowhere")) + "\n";
+    for (const message::Input *in : {&alert, &inventory, &test}) {
+        for (int format : {message::FullText, message::Xml, message::ShortText}) {
+            const auto m = message::compose(*in, format, 0);
+            out += "== " + in->action + " format " + std::to_string(format) +
+                   "\nSubject: " + m.subject + "\n" + m.body;
+        }
+    }
+    callhome_test::expect_golden(GOLDEN_DIR "/messages.txt", out);
 }
 
 // Two-byte characters from the start of the body: the maxima below cut at both alignments.
@@ -104,36 +116,6 @@ TEST(Message, EachFormatIsCutOnACharacterBoundaryWithinTheMaximum) {
                       body.substr(note));
         }
     }
-}
-
-TEST(Message, AlertCarriesCommandsInEachFormat) {
-    std::vector<commands::Result> cmds(2);
-    cmds[0].line = "uname -a";
-    cmds[0].ran = true;
-    cmds[0].exit_status = 0;
-    cmds[0].output = "Linux <box>\x01\n";
-    cmds[1].line = "rm -rf /tmp/x";
-    cmds[1].note = "not run: rm is not in allowed_commands";
-    message::Input in{message::kAlert, {{"priority", "2"}}, 0, "h", "p"};
-    in.group = "Diagnostic";
-    in.severity = 3;
-    in.subject = "disk";
-    in.text = "disk full";
-    in.commands = &cmds;
-    const auto full = message::compose(in, message::FullText, 0);
-    EXPECT_EQ("Call home alert Diagnostic (severity 3) from h: disk", full.subject);
-    EXPECT_TRUE(has(full.body, "\n--- uname -a (exit status 0)\nLinux <box>"));
-    EXPECT_TRUE(has(full.body, "\n--- rm -rf /tmp/x (not run: rm is not in allowed_commands)\n"));
-    // The priority as the MIB reads it: kept from 0, shown from 1; 8 while never set.
-    EXPECT_TRUE(has(full.body, "\nService priority: 3\n"));
-    EXPECT_TRUE(has(message::compose({message::kTest, {}, 0, "h", "p"}, message::FullText, 0).body,
-                    "\nService priority: 8\n"));
-    const auto xml = message::compose(in, message::Xml, 0).body;
-    EXPECT_TRUE(has(xml, "status=\"exit status 0\">Linux &lt;box&gt;?\n<"));
-    EXPECT_TRUE(has(xml, "ran=\"false\" status=\"not run: rm is not in"));
-    const auto brief = message::compose(in, message::ShortText, 0).body;
-    EXPECT_TRUE(has(brief, "commands=\"uname -a; rm -rf /tmp/x\""));
-    EXPECT_FALSE(has(brief, "Linux"));
 }
 
 // ---- schedule ----
@@ -198,7 +180,8 @@ TEST_F(Schedule, RestartsAndChanges) {
 TEST(Commands, RunWithoutAShellWithinTheirLimits) {
     // Exits with its argument, or leaves a child holding the output, or closes its output
     // and stays.
-    const std::string dir = scratch_dir("commands"), helper = dir + "/helper";
+    const callhome_test::TempDir dir;
+    const std::string helper = dir / "helper";
     std::ofstream(helper) << "#!/bin/sh\ncase $1 in\nhold) /usr/bin/sleep 30 & exit 0;;\n"
                              "quiet) exec >&- 2>&-; /usr/bin/sleep 30;;\n*) exit $1;;\nesac\n";
     chmod(helper.c_str(), 0755);
@@ -231,7 +214,6 @@ TEST(Commands, RunWithoutAShellWithinTheirLimits) {
     for (const auto &path : commands::default_allowed()) {
         EXPECT_EQ(0, access(path.c_str(), X_OK)) << path;
     }
-    fs::remove_all(dir);
 }
 
 TEST(Commands, RunnerWorksBesideTheCaller) {
@@ -276,22 +258,16 @@ class Dispatch : public Schedule {
   protected:
     void SetUp() override {
         Schedule::SetUp();
-        char tmpl[] = "/tmp/dispatch-XXXXXX";
-        dir = mkdtemp(tmpl);
         open();
         set(CALLHOME_INFO_OPC, info_rec("sysContactEmail", "ops@example.com"));
         set(CALLHOME_INFO_OPC, info_rec("sysContactPhoneNumber", "+1 800-555"));
         set(CALLHOME_INFO_OPC, info_rec("sysStreetAddress", "1 Main Street"));
         set(CALLHOME_ENABLE_OPC, switch_rec(1));
     }
-    void TearDown() override {
-        svc.reset();
-        std::filesystem::remove_all(dir);
-    }
     // A start on the same database (the running service stops first).
     void open() {
         svc.reset();
-        svc = std::make_unique<callhome::Service>(dir + "/db");
+        svc = std::make_unique<callhome::Service>(dir / "db");
         svc->set_clock([this] { return now; });
     }
     void set(int op, const Bytes &rec) {
@@ -304,15 +280,8 @@ class Dispatch : public Schedule {
         set(CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec(name, group));
     }
     std::string outbox() { return svc->admin({"outbox"}).second; }
-    size_t count(const std::string &what, std::string text = "") {
-        text = text.empty() ? outbox() : text;
-        size_t n = 0;
-        for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) {
-            ++n;
-        }
-        return n;
-    }
-    std::string dir;
+    size_t count(const std::string &what) { return svc_test::count(outbox(), what); }
+    callhome_test::TempDir dir;
     int64_t now = t(0, 12, 0);
     std::unique_ptr<callhome::Service> svc;
 };
@@ -341,7 +310,7 @@ TEST_F(Dispatch, AlertsReachProfilesByGroupAndLevel) {
         const auto [status, text] = svc->admin(c.args);
         EXPECT_EQ(c.status, status) << c.args[1] << " " << text;
         const std::string added = outbox().substr(before.size() - 2);
-        EXPECT_EQ(c.reached.size(), count("\"profile\": ", added)) << c.args[1] << added;
+        EXPECT_EQ(c.reached.size(), svc_test::count(added, "\"profile\": ")) << c.args[1] << added;
         for (const auto &p : c.reached) {
             EXPECT_TRUE(has(added, "\"profile\": \"" + p + "\"")) << p;
         }
