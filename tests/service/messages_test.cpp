@@ -286,64 +286,6 @@ class Dispatch : public Schedule {
     std::unique_ptr<callhome::Service> svc;
 };
 
-TEST_F(Dispatch, AlertsReachProfilesByGroupAndLevel) {
-    profile("lvl2", 2, "Diagnostic");
-    profile("lvl4", 4, "Diagnostic");
-    profile("lvl1all", 1, "all");
-    profile("syslog", 1, "Syslog");
-    const struct {
-        Strings args;
-        int status;
-        Strings reached;
-    } cases[] = {
-        {{"alert", "Diagnostic", "--severity", "3", "disk"}, 0, {"lvl2", "lvl1all"}},
-        {{"alert", "Diagnostic", "--severity", "4", "disk"}, 0, {"lvl2", "lvl4", "lvl1all"}},
-        {{"alert", "Diagnostic", "disk"}, 0, {"lvl2", "lvl4", "lvl1all"}}, // default 5
-        {{"alert", "Syslog", "--severity", "1", "x"}, 0, {"syslog", "lvl1all"}},
-        {{"alert", "Environmental", "--severity", "1", "x"}, 0, {"lvl1all"}},
-        {{"alert", "NoSuchGroup", "x"}, 1, {}},
-        {{"alert", "Diagnostic", "--severity", "11", "x"}, 2, {}},
-        {{"alert", "Diagnostic", "--severity", "0", "x"}, 2, {}},
-    };
-    for (const auto &c : cases) {
-        const std::string before = outbox();
-        const auto [status, text] = svc->admin(c.args);
-        EXPECT_EQ(c.status, status) << c.args[1] << " " << text;
-        const std::string added = outbox().substr(before.size() - 2);
-        EXPECT_EQ(c.reached.size(), svc_test::count(added, "\"profile\": ")) << c.args[1] << added;
-        for (const auto &p : c.reached) {
-            EXPECT_TRUE(has(added, "\"profile\": \"" + p + "\"")) << p;
-        }
-    }
-    // A test message ignores levels: the level-4 profile gets it too.
-    set(CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec("lvl4", "Test"));
-    const std::string before = outbox();
-    set(CALLHOME_ALERT_ACTION_OPC, action_rec("Test Call Home"));
-    EXPECT_TRUE(has(outbox().substr(before.size() - 2), "\"lvl4\""));
-}
-
-TEST_F(Dispatch, ThrottlesThe31stAlertOfAGroupWithinAnHour) {
-    profile("p", 1, "all");
-    for (int i = 0; i < 30; ++i) {
-        ASSERT_EQ(0, svc->admin({"alert", "Syslog", "m"}).first);
-        now += 60;
-    }
-    open(); // a restart keeps the rolling hour
-    EXPECT_EQ("alert queued for 0 profile(s), throttled for 1\n",
-              svc->admin({"alert", "Syslog", "m"}).second);
-    EXPECT_EQ(0, svc->admin({"alert", "Diagnostic", "m"}).first); // another group
-    set(CALLHOME_ALERT_ACTION_OPC, action_rec("Test Call Home")); // not an alert
-    EXPECT_EQ(1u, count("\"state\": \"throttled\""));
-    EXPECT_TRUE(has(svc->admin({"dump"}).second, "\"throttled\": 1"));
-    now += 3600; // the first ones left the rolling hour
-    EXPECT_EQ("alert queued for 1 profile(s)\n", svc->admin({"alert", "Syslog", "m"}).second);
-    set(CALLHOME_MSG_THROTTLING_OPC, switch_rec(0)); // switched off: nothing throttled
-    for (int i = 0; i < 35; ++i) {
-        svc->admin({"alert", "Syslog", "m"});
-    }
-    EXPECT_EQ(1u, count("\"state\": \"throttled\""));
-}
-
 // The group's commands run beside the service; a restart before they ran sends the message
 // without their output.
 TEST_F(Dispatch, CommandsOfTheGroupAreAttachedWithoutBlocking) {
