@@ -25,58 +25,31 @@ using namespace svc_test;
 
 namespace {
 
-// Words of the transcript: "quoted" keeps blanks, \xHH is any byte, <c*N> is c N times.
+// Words of the transcript: "quoted" keeps blanks; each word unescaped.
 Strings words(const std::string &line) {
     Strings out;
-    std::string w;
-    bool in = false, quoted = false;
-    const auto hex = [&](size_t at) { return char(std::stoi(line.substr(at, 2), nullptr, 16)); };
-    for (size_t i = 0; i < line.size(); ++i) {
-        char c = line[i];
+    bool quoted = false, in = false;
+    for (char c : line) {
         if (c == ' ' && !quoted) {
-            if (in) {
-                out.push_back(w);
-            }
-            w.clear();
             in = false;
-        } else if (c == '"') {
+            continue;
+        }
+        if (!in) {
+            out.emplace_back();
+            in = true;
+        }
+        if (c == '"') {
             quoted = !quoted;
-            in = true;
-        } else if (c == '<') {
-            const bool escaped = line[i + 1] == '\\';
-            const size_t n = i + (escaped ? 6 : 3), end = line.find('>', n);
-            w.append(std::stoul(line.substr(n, end - n)), escaped ? hex(i + 3) : line[i + 1]);
-            i = end;
-            in = true;
         } else {
-            w += c == '\\' ? hex(i + 2) : c;
-            i += c == '\\' ? 3 : 0;
-            in = true;
+            out.back() += c;
         }
     }
-    if (in) {
-        out.push_back(w);
+    for (auto &w : out) {
+        w = callhome_test::unescaped(w);
     }
     return out;
 }
-// The other way: bytes outside printable ASCII as \xHH, runs of 8 or more as <c*N>.
-std::string escaped(const std::string &s) {
-    std::string out;
-    for (size_t i = 0, n; i < s.size(); i += n) {
-        for (n = 1; i + n < s.size() && s[i + n] == s[i];) {
-            ++n;
-        }
-        char c[8];
-        const auto u = static_cast<unsigned char>(s[i]);
-        std::snprintf(c, sizeof c,
-                      u < 0x20 || u >= 0x7f || u == '\\' || u == '<' ? "\\x%02x" : "%c", u);
-        out += n >= 8 ? "<" + std::string(c) + "*" + std::to_string(n) + ">" : std::string(c);
-        for (size_t k = 1; k < n && n < 8; ++k) {
-            out += c;
-        }
-    }
-    return out;
-}
+using callhome_test::escaped;
 
 std::string arg(const Strings &a, size_t i, const char *fallback = "") {
     return i < a.size() ? a[i] : fallback;
