@@ -113,18 +113,6 @@ const std::pair<const char *, int> kTypes[] = {{"get", GET_REQ}, {"next", GETNEX
 const std::pair<int, const char *> kStatuses[] = {{0, "ok"}, {CALLHOME_ERR_INVALID_INPUT, "invalid"}, {CALLHOME_UNKNOWN_ENTRY, "unknown"}, {CALLHOME_END_OF_TABLE, "end"}, {CALLHOME_ERR_BUILTIN_PROFILE, "builtin"}, {CALLHOME_ERR_VELD_RESEND, "resend"}};
 // clang-format on
 
-// For requests of a test's own beside the transcript.
-class Channel : public ::testing::Test {
-  protected:
-    platform::CmiReply call(int op, int type, const Bytes &rec) {
-        return svc.handle(request(op, type, rec));
-    }
-    int status(int op, int type, const Bytes &rec) { return call(op, type, rec).status; }
-    void set(int op, const Bytes &rec) { ASSERT_EQ(0, status(op, SET_REQ, rec)) << op; }
-
-    callhome::Service svc{":memory:"};
-};
-
 // golden/channel.txt: every "> " line is run, and the lines up to the next one must be its
 // answer; "#" lines and blank lines are kept as they are.
 class Transcript {

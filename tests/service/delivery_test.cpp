@@ -297,15 +297,8 @@ TEST(DeliveryConfig, FilesAsGolden) {
         got += line + "\n";
         try {
             const auto c = callhome::config::load(path);
-            const auto &d = c.delivery;
-            got += std::string("security ") + name(d.security) + ", user '" + d.user +
-                   "', password " + (d.password.empty() ? "none" : "set") + ", timeout " +
-                   std::to_string(d.timeout_s) + " s, retries";
-            for (int r : d.retry_delays_s) {
-                got += " " + std::to_string(r);
-            }
-            got += ", commands" + std::string(c.allowed_commands ? "" : " built in");
-            for (const auto &cmd : c.allowed_commands.value_or(Strings{})) {
+            got += "accepted, commands";
+            for (const auto &cmd : c.allowed_commands.value_or(Strings{"(built in)"})) {
                 got += " " + cmd;
             }
             got += "\n";

@@ -216,22 +216,6 @@ TEST(Commands, RunWithoutAShellWithinTheirLimits) {
     }
 }
 
-TEST(Commands, RunnerWorksBesideTheCaller) {
-    commands::Runner runner({"/usr/bin/sleep", "/usr/bin/echo"}, {1000, 1024});
-    runner.submit({7, {"sleep 30", "echo done"}});
-    pollfd p{runner.fd(), POLLIN, 0};
-    EXPECT_EQ(0, poll(&p, 1, 0)); // submit returned while the command runs
-    EXPECT_EQ(1u, runner.pending());
-    ASSERT_EQ(1, poll(&p, 1, 10000));
-    const auto done = runner.take();
-    ASSERT_EQ(1u, done.size());
-    EXPECT_EQ(7u, done[0].id);
-    ASSERT_EQ(2u, done[0].results.size());
-    EXPECT_TRUE(done[0].results[0].timed_out);
-    EXPECT_EQ("done\n", done[0].results[1].output);
-    EXPECT_EQ(0u, runner.pending());
-}
-
 // ---- throttling ----
 
 TEST(Throttle, ThirtyPerProfileAndGroupInAnyRollingHour) {
