@@ -89,20 +89,11 @@ TEST(Message, TextsAsGolden) {
     callhome_test::expect_golden(GOLDEN_DIR "/messages.txt", out);
 }
 
-// Two-byte characters from the start of the body: the maxima below cut at both alignments.
+// A long run of two-byte characters: the maxima below cut it at both alignments.
 TEST(Message, EachFormatIsCutOnACharacterBoundaryWithinTheMaximum) {
-    inventory::Inventory inv;
-    inv.cpu_count = 2;
-    inv.packages = {{"pkg-\xC3\xA9", "1.0", "amd64"}};
-    message::Input in{message::kInventory, {{"custId", repeat("\xC3\xA9", 600)}}, 0, "h", "p"};
-    in.inventory = &inv;
-    const std::pair<int, const char *> cases[] = {
-        {message::FullText, "    pkg-\xC3\xA9 1.0 amd64\n"},
-        {message::Xml, "<package name=\"pkg-\xC3\xA9\" version=\"1.0\" arch=\"amd64\"/>"},
-        {message::ShortText, "packages=1 cpus=2"}};
-    for (const auto &[format, inventory_part] : cases) {
+    const message::Input in{message::kTest, {{"custId", repeat("\xC3\xA9", 600)}}, 0, "h", "p"};
+    for (int format : {message::FullText, message::Xml, message::ShortText}) {
         const auto whole = message::compose(in, format, 0).body;
-        EXPECT_TRUE(has(whole, inventory_part)) << format;
         EXPECT_EQ(whole, message::compose(in, format, uint32_t(whole.size())).body);
         for (uint32_t max : {1000u, 1001u}) {
             const auto body = message::compose(in, format, max).body;
