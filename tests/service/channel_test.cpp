@@ -237,8 +237,9 @@ class Transcript {
                     body.replace(p, 2, "\n");
                 }
                 std::istringstream lines(body);
-                for (std::string l, next; std::getline(lines, l);) {
-                    if (l.rfind("--- ", 0) == 0 && std::getline(lines, next)) {
+                for (std::string l, next; std::getline(lines, l); next.clear()) {
+                    if (l.rfind("--- ", 0) == 0) {
+                        std::getline(lines, next);
                         msg += "[" + l + (next.empty() ? "" : " " + next) + "] ";
                     }
                 }
