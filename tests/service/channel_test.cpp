@@ -85,26 +85,18 @@ struct Table {
     }
 // clang-format off
 const Table kTables[] = {
-    {"info", CALLHOME_INFO_OPC, [](const Strings &a) { return info_rec(arg(a, 0), arg(a, 1)); },
-     SHOW(cmi_callhome_info_t, f(r.info_name), f(r.info_value))},
-    {"mail", CALLHOME_EMAIL_CONF_OPC, [](const Strings &a) { return email_conf_rec(arg(a, 0), arg(a, 1), arg(a, 2), arg(a, 3), num(a, 4, 16), num(a, 5, 25)); },
-     SHOW(cmi_email_conf_t, f(r.from_email_addr), f(r.reply_to), f(r.return_receipt_addr), f(r.smtp_server), f(r.address_type), f(r.smtp_server_port))},
+    {"info", CALLHOME_INFO_OPC, [](const Strings &a) { return info_rec(arg(a, 0), arg(a, 1)); }, SHOW(cmi_callhome_info_t, f(r.info_name), f(r.info_value))},
+    {"mail", CALLHOME_EMAIL_CONF_OPC, [](const Strings &a) { return email_conf_rec(arg(a, 0), arg(a, 1), arg(a, 2), arg(a, 3), num(a, 4, 16), num(a, 5, 25)); }, SHOW(cmi_email_conf_t, f(r.from_email_addr), f(r.reply_to), f(r.return_receipt_addr), f(r.smtp_server), f(r.address_type), f(r.smtp_server_port))},
     {"enable", CALLHOME_ENABLE_OPC, [](const Strings &a) { return switch_rec(num(a, 0)); }, SHOW(callhome_switch_t, f(r.value))},
     {"throttle", CALLHOME_MSG_THROTTLING_OPC, [](const Strings &a) { return switch_rec(num(a, 0)); }, SHOW(callhome_switch_t, f(r.value))},
-    {"periodic", CALLHOME_PERIODIC_INVENTORY_OPC, [](const Strings &a) { return periodic_rec(num(a, 0), num(a, 1), num(a, 2)); },
-     SHOW(callhome_periodic_inventory_t, f(r.enable), f(r.time_frame), f(r.time_of_day))},
-    {"status", CALLHOME_STATUS_OPC, [](const Strings &) { return Bytes(); },
-     SHOW(callhome_status_t, f(r.callhome_message_status), f(r.num_alerts_sent), f(r.last_alert_sent.tv_sec), f(r.callhome_error_code), f(r.callhome_error_message))},
+    {"periodic", CALLHOME_PERIODIC_INVENTORY_OPC, [](const Strings &a) { return periodic_rec(num(a, 0), num(a, 1), num(a, 2)); }, SHOW(callhome_periodic_inventory_t, f(r.enable), f(r.time_frame), f(r.time_of_day))},
+    {"status", CALLHOME_STATUS_OPC, [](const Strings &) { return Bytes(); }, SHOW(callhome_status_t, f(r.callhome_message_status), f(r.num_alerts_sent), f(r.last_alert_sent.tv_sec), f(r.callhome_error_code), f(r.callhome_error_message))},
     {"action", CALLHOME_ALERT_ACTION_OPC, [](const Strings &a) { return action_rec(arg(a, 0)); }, SHOW(callhome_alert_action_t, f(r.action))},
-    {"profile", CALLHOME_DEST_PROFILE_OPC, [](const Strings &a) { return profile_rec(arg(a, 0), num(a, 1, 1), num(a, 2), num(a, 3, 1), num(a, 4)); },
-     SHOW(callHomeDestProfileEntry, f(r.destination_profile_id), f(r.format_method), f(r.maximum_message_size), f(r.transport_method), f(r.row_status), f(r.msg_level))},
-    {"addr", CALLHOME_DEST_EMAIL_OPC, [](const Strings &a) { return dest_email_rec(arg(a, 0), num(a, 1), arg(a, 2)); },
-     SHOW(callHomeDestEmailAddressEntry, f(r.destination_profile_id), f(r.index), f(r.email_addr), f(r.row_status))},
+    {"profile", CALLHOME_DEST_PROFILE_OPC, [](const Strings &a) { return profile_rec(arg(a, 0), num(a, 1, 1), num(a, 2), num(a, 3, 1), num(a, 4)); }, SHOW(callHomeDestProfileEntry, f(r.destination_profile_id), f(r.format_method), f(r.maximum_message_size), f(r.transport_method), f(r.row_status), f(r.msg_level))},
+    {"addr", CALLHOME_DEST_EMAIL_OPC, [](const Strings &a) { return dest_email_rec(arg(a, 0), num(a, 1), arg(a, 2)); }, SHOW(callHomeDestEmailAddressEntry, f(r.destination_profile_id), f(r.index), f(r.email_addr), f(r.row_status))},
     {"type", CALLHOME_ALERTGROUP_TYPE_OPC, [](const Strings &a) { return group_type_rec(num(a, 0)); }, SHOW(callhome_alertgroup_type_t, f(r.index), f(r.grp_name))},
-    {"group", CALLHOME_PROFILE_ALERTGROUP_OPC, [](const Strings &a) { return profile_group_rec(arg(a, 0), arg(a, 1)); },
-     SHOW(callHomeAlertGroupEntry, f(r.destination_profile_id), f(r.alert_group))},
-    {"cmd", CALLHOME_USER_DEF_CMD_OPC, [](const Strings &a) { return user_cmd_rec(arg(a, 0), num(a, 1), arg(a, 2)); },
-     SHOW(cmi_userdef_cli_cmd_t, f(r.alertgroup_type), f(r.index), f(r.cli_cmd), f(r.row_status))},
+    {"group", CALLHOME_PROFILE_ALERTGROUP_OPC, [](const Strings &a) { return profile_group_rec(arg(a, 0), arg(a, 1)); }, SHOW(callHomeAlertGroupEntry, f(r.destination_profile_id), f(r.alert_group))},
+    {"cmd", CALLHOME_USER_DEF_CMD_OPC, [](const Strings &a) { return user_cmd_rec(arg(a, 0), num(a, 1), arg(a, 2)); }, SHOW(cmi_userdef_cli_cmd_t, f(r.alertgroup_type), f(r.index), f(r.cli_cmd), f(r.row_status))},
 };
 // clang-format on
 #undef SHOW
