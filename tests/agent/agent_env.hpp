@@ -15,6 +15,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -67,56 +68,17 @@ template <class Pred> bool eventually(Pred pred, double seconds = 10) {
     return true;
 }
 
-// A child process, killed when the object goes away.
-class Process {
-  public:
-    Process() = default;
-    Process(const std::vector<std::string> &argv, const std::map<std::string, std::string> &env,
-            const std::string &log) {
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            ::dup2(fd, 1);
-            ::dup2(fd, 2);
-            const int in = ::open("/dev/null", O_RDONLY);
-            ::dup2(in, 0);
-            for (const auto &[k, v] : env) {
-                ::setenv(k.c_str(), v.c_str(), 1);
-            }
-            callhome_test::exec_args(argv);
+using callhome_test::Child;
+// For Child's prepare hook: output to `log`, the environment with `env` added.
+inline std::function<void()> with_env(std::string log,
+                                      std::map<std::string, std::string> env = {}) {
+    return [log, env] {
+        callhome_test::redirect(log);
+        for (const auto &[k, v] : env) {
+            ::setenv(k.c_str(), v.c_str(), 1);
         }
-    }
-    Process(Process &&o) noexcept : pid_(o.pid_) { o.pid_ = -1; }
-    Process &operator=(Process &&o) noexcept {
-        if (this != &o) {
-            stop();
-            pid_ = o.pid_;
-            o.pid_ = -1;
-        }
-        return *this;
-    }
-    ~Process() { stop(); }
-
-    bool running() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
-    void kill(int sig) {
-        if (pid_ > 0) {
-            ::kill(pid_, sig);
-            ::kill(pid_, SIGCONT); // a stopped process acts on the signal only once resumed
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
-    }
-    void stop() { kill(SIGTERM); }
-    // Sends `sig` and leaves the process be (SIGSTOP, SIGCONT).
-    void signal(int sig) const {
-        if (pid_ > 0) {
-            ::kill(pid_, sig);
-        }
-    }
-
-  private:
-    pid_t pid_ = -1;
-};
+    };
+}
 
 // How the module runs: loaded into snmpd (dlmod), or as the callhome-agentx subagent of an
 // snmpd that is AgentX master. The tests talk to snmpd's UDP port either way.
@@ -218,8 +180,8 @@ class AgentEnv : public ::testing::Test {
 
     void start_service() {
         service_ =
-            Process({CALLHOMED_PATH, "--socket", socket_, "--db", db_, "--enable-fault-injection"},
-                    {}, dir_ + "/callhomed.log");
+            Child({CALLHOMED_PATH, "--socket", socket_, "--db", db_, "--enable-fault-injection"},
+                  with_env(dir_ + "/callhomed.log"));
         ASSERT_TRUE(eventually([&] { return ctl("ping").status == 0; }))
             << "callhomed did not answer";
     }
@@ -241,10 +203,10 @@ class AgentEnv : public ::testing::Test {
         start_snmpd();
         if (agent_mode_ == AgentMode::AgentX) {
             // A ping every second: a restarted master gets the subagent back quickly.
-            subagent_ = Process(
+            subagent_ = Child(
                 {(fs::path(CALLHOMED_PATH).parent_path() / "callhome-agentx").string(), "-f", "-x",
                  agentx_, "-i", "1", "-Lf", dir_ + "/callhome-agentx.log", "-D", "callhome"},
-                {{"CALLHOME_SOCKET", socket_}}, dir_ + "/callhome-agentx.out");
+                with_env(dir_ + "/callhome-agentx.out", {{"CALLHOME_SOCKET", socket_}}));
         }
         // Short probes: a request sent before snmpd listens is simply lost, and a long
         // timeout would then make every start wait it out.
@@ -266,16 +228,16 @@ class AgentEnv : public ::testing::Test {
         env["LD_PRELOAD"] = CALLHOME_ASAN_RUNTIME;
         env["ASAN_OPTIONS"] = "detect_leaks=0";
 #endif
-        agent_ = Process({SNMPD_PATH, "-f", "-C", "-c", dir_ + "/snmpd.conf", "-Lf",
-                          dir_ + "/snmpd.log", "-Dcallhome"},
-                         env, dir_ + "/snmpd.out");
+        agent_ = Child({SNMPD_PATH, "-f", "-C", "-c", dir_ + "/snmpd.conf", "-Lf",
+                        dir_ + "/snmpd.log", "-Dcallhome"},
+                       with_env(dir_ + "/snmpd.out", env));
     }
 
     void start_trapd() {
         std::ofstream(dir_ + "/snmptrapd.conf") << "disableAuthorization yes\n";
-        trapd_ = Process({SNMPTRAPD_PATH, "-f", "-C", "-c", dir_ + "/snmptrapd.conf", "-On", "-Lf",
-                          dir_ + "/traps.log", "udp:127.0.0.1:" + std::to_string(trap_port_)},
-                         {{"MIBS", ""}}, dir_ + "/snmptrapd.log");
+        trapd_ = Child({SNMPTRAPD_PATH, "-f", "-C", "-c", dir_ + "/snmptrapd.conf", "-On", "-Lf",
+                        dir_ + "/traps.log", "udp:127.0.0.1:" + std::to_string(trap_port_)},
+                       with_env(dir_ + "/snmptrapd.log", {{"MIBS", ""}}));
         // snmptrapd logs this line once it listens.
         ASSERT_TRUE(
             eventually([&] { return traps().find("NET-SNMP version") != std::string::npos; }));
@@ -311,9 +273,9 @@ class AgentEnv : public ::testing::Test {
 
     std::string dir_, socket_, db_, agentx_;
     int port_ = 0, trap_port_ = 0;
-    Process service_, agent_, trapd_;
+    Child service_, agent_, trapd_;
     AgentMode agent_mode_ = AgentMode::Dlmod;
-    Process subagent_; // AgentX mode only
+    Child subagent_; // AgentX mode only
 };
 
 } // namespace agent_test

@@ -125,14 +125,14 @@ TEST_F(Agent, HungServiceCostsOneWaitThenAnswersFastAndRecovers) {
 // Another process holds the database's write lock: the SET fails as genErr, the service says
 // why, and the next SET after the lock is gone works.
 TEST_F(Agent, LockedDatabaseFailsTheSetWithItsReasonInTheLog) {
-    Process holder({"/usr/bin/python3", "-c",
-                    "import sqlite3, sys, time\n"
-                    "c = sqlite3.connect(sys.argv[1], isolation_level=None)\n"
-                    "c.execute('BEGIN IMMEDIATE')\n"
-                    "print('locked', flush=True)\n"
-                    "time.sleep(60)\n",
-                    db_},
-                   {}, dir_ + "/holder.out");
+    Child holder({"/usr/bin/python3", "-c",
+                  "import sqlite3, sys, time\n"
+                  "c = sqlite3.connect(sys.argv[1], isolation_level=None)\n"
+                  "c.execute('BEGIN IMMEDIATE')\n"
+                  "print('locked', flush=True)\n"
+                  "time.sleep(60)\n",
+                  db_},
+                 with_env(dir_ + "/holder.out"));
     ASSERT_TRUE(eventually([&] { return slurp(dir_ + "/holder.out") == "locked\n"; }));
     EXPECT_TRUE(refused_as(snmp("snmpset", R + ".1.1.7.0 s locked", 20), "genError"));
     EXPECT_NE(slurp(dir_ + "/callhomed.log").find("database is locked"), std::string::npos);

@@ -4,6 +4,7 @@
 // the object's subtree, after the name asked; values are readable for their whole length.
 #include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "fuzz_support.hpp"
 
@@ -13,15 +14,12 @@ using callhome_fuzz::Input;
 
 [[noreturn]] void fail(const char *what, const std::vector<oid> &asked, const oid *answer,
                        size_t answer_len) {
-    std::fprintf(stderr, "%s: asked ", what);
-    for (const oid a : asked) {
-        std::fprintf(stderr, ".%lu", static_cast<unsigned long>(a));
+    std::string text = std::string(what) + ": asked ";
+    for (size_t i = 0; i < asked.size() + answer_len; ++i) {
+        text += (i == asked.size() ? " answer ." : ".") +
+                std::to_string(i < asked.size() ? asked[i] : answer[i - asked.size()]);
     }
-    std::fprintf(stderr, " answer ");
-    for (size_t i = 0; i < answer_len; ++i) {
-        std::fprintf(stderr, ".%lu", static_cast<unsigned long>(answer[i]));
-    }
-    std::fprintf(stderr, "\n");
+    std::fprintf(stderr, "%s\n", text.c_str());
     std::abort();
 }
 
@@ -80,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         asked.push_back(in.arc());
     }
     for (size_t i = 0; i < CALLHOME_MIB_VARIABLE_COUNT; ++i) {
-        variable vp = callhome_fuzz::object(i);
+        variable vp = callhome_test::object_var(i);
         const bool inside =
             asked.size() >= vp.namelen && std::equal(vp.name, vp.name + vp.namelen, asked.begin());
         if (exact && !inside) {

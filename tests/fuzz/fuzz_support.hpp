@@ -81,15 +81,4 @@ inline void start_module() {
     ok({str_vb(profile_oid(kGroups, "ops"), std::string(1, '\x40'))});
 }
 
-// The object table entry `i` as the agent registers it: the full OID in vp.
-inline variable object(size_t i) {
-    const auto &v = callhome_mib_variables[i];
-    variable vp{v.magic, char(v.type), v.acl, v.findVar, u_char(CALLHOME_MIB_ROOT_LEN + v.namelen),
-                {}};
-    std::copy(callhome_mib_variables_oid, callhome_mib_variables_oid + CALLHOME_MIB_ROOT_LEN,
-              vp.name);
-    std::copy(v.name, v.name + v.namelen, vp.name + CALLHOME_MIB_ROOT_LEN);
-    return vp;
-}
-
 } // namespace callhome_fuzz

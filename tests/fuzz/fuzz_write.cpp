@@ -16,7 +16,7 @@ const u_char kTypes[] = {ASN_INTEGER,   ASN_OCTET_STR, ASN_UNSIGNED,  ASN_IPADDR
                          ASN_OBJECT_ID, ASN_COUNTER,   ASN_TIMETICKS, ASN_NULL};
 
 Varbind varbind(Input &in) {
-    const variable vp = callhome_fuzz::object(in.byte() % CALLHOME_MIB_VARIABLE_COUNT);
+    const variable vp = callhome_test::object_var(in.byte() % CALLHOME_MIB_VARIABLE_COUNT);
     Varbind vb;
     vb.name.assign(vp.name, vp.name + vp.namelen);
     switch (in.byte() % 4) {

@@ -2,37 +2,25 @@
 // several clients, injected faults and the admin tool's exit codes.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <fstream>
 #include <memory>
 #include <optional>
-#include <sstream>
-#include <thread>
 
 #include "platform/frame.hpp"
 #include "records.hpp"
 #include "run_command.hpp"
 
 using namespace svc_test;
+using namespace callhome_test;
 namespace fr = platform::frame;
 
 namespace {
 
-std::string slurp(const std::string &path) {
-    std::stringstream ss;
-    ss << std::ifstream(path).rdbuf();
-    return ss.str();
-}
 int connect_to(const std::string &path) {
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
@@ -43,16 +31,6 @@ int connect_to(const std::string &path) {
         return -1;
     }
     return fd;
-}
-// Polls `done` every 20 ms, at most 20 s: the bound only cuts a hung test short.
-template <class F> bool poll_until(F done) {
-    for (int i = 0; i < 1000; ++i) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
 }
 
 // A raw client of the service socket.
@@ -65,18 +43,10 @@ struct Client {
     }
     uint32_t ask(int opcode, int type, const Bytes &rec, bool wants_record = true,
                  uint64_t deadline_ms = 0) {
-        fr::Frame f;
-        f.deadline_ms = deadline_ms;
-        f.kind = fr::Kind::Request;
-        f.seq = ++seq;
-        f.opcode = opcode;
-        f.msg_type = type;
-        f.client = 66;
-        f.user = "tester";
-        f.flags = wants_record ? fr::kWantsRecord : 0;
-        f.body = rec;
-        send(f);
-        return f.seq;
+        send({fr::Kind::Request, ++seq, opcode, type, 66, 0, 0, 0, // in Frame's order
+
+              wants_record ? fr::kWantsRecord : 0, deadline_ms, "tester", rec});
+        return seq;
     }
     // The next frame, or nullopt when none arrives in `ms` or the connection closed.
     std::optional<fr::Frame> receive(int ms = 20000) {
@@ -97,123 +67,50 @@ struct Client {
     bool closed = false;
 };
 
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-// Runs a program to its end; its stdout and stderr go through files beside `scratch`.
-Result run(std::vector<std::string> args, const std::string &scratch) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open((scratch + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-        dup2(open((scratch + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-        callhome_test::exec_args(std::move(args));
-    }
-    int st = 0;
-    waitpid(pid, &st, 0);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st), slurp(scratch + ".out"),
-            slurp(scratch + ".err")};
-}
-
-// One callhomed process on its own socket and database.
+// One callhomed on its own socket and database.
 struct Daemon {
-    Daemon(std::string sock, std::string db, std::string pidfile, bool faults = true)
-        : sock(std::move(sock)), db(std::move(db)), pidfile(std::move(pidfile)), faults(faults) {}
-    ~Daemon() { stop(SIGKILL); }
-    // Starts and waits (bounded) until it answers; false when it exited instead.
-    bool start() {
-        pid = fork();
-        if (pid == 0) {
-            if (nofile != 0) {
-                const rlimit lim{nofile, nofile};
-                setrlimit(RLIMIT_NOFILE, &lim);
-            }
-            if (!log.empty()) {
-                dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
-            }
-            if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) {
-                _exit(126);
-            }
-            std::vector<std::string> args = {CALLHOMED_PATH, "--socket", sock, "--db", db,
-                                             "--pidfile",    pidfile};
-            if (faults) {
-                args.push_back("--enable-fault-injection");
-            }
-            callhome_test::exec_args(std::move(args));
-        }
-        return poll_until([&] {
-                   if (int st; waitpid(pid, &st, WNOHANG) == pid) {
-                       pid = -1; // exited instead of serving
-                       return true;
-                   }
-                   const int fd = connect_to(sock);
-                   return fd >= 0 && close(fd) == 0;
-               }) &&
-               pid > 0;
-    }
-    // Sends `sig` and reaps the process (bounded); returns its exit status.
-    int stop(int sig) {
-        int st = 0;
-        if (pid <= 0 || kill(pid, sig) != 0 ||
-            !poll_until([&] { return waitpid(pid, &st, WNOHANG) == pid; })) {
-            return -1;
-        }
-        pid = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-    }
     std::string sock, db, pidfile;
-    bool faults;
-    pid_t pid = -1;
-    rlim_t nofile = 0; // descriptor limit when not 0
-    std::string log;   // stderr goes here when set
-    uid_t user = 0;    // runs as this user (and group of that number) when not 0
+    std::function<void()> prepare = {}; // Child's: descriptor limit, log, user
+    Child child = {};
+    // Starts it and waits until it answers; false when it exited instead.
+    bool start() {
+        child = Child({CALLHOMED_PATH, "--socket", sock, "--db", db, "--pidfile", pidfile,
+                       "--enable-fault-injection"},
+                      prepare);
+        return eventually([&] { return !child.running() || close(connect_to(sock)) == 0; }) &&
+               child.running();
+    }
 };
 
 class DaemonTest : public ::testing::Test {
   protected:
-    static std::string make_dir() {
-        char tmpl[] = "/tmp/callhomed-test-XXXXXX";
-        return mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
-    }
     void SetUp() override { ASSERT_TRUE(daemon.start()); }
-    void TearDown() override {
-        daemon.stop(SIGKILL);
-        std::system(("rm -rf '" + dir + "'").c_str());
-    }
-    Result ctl(std::vector<std::string> args) {
+    CommandResult ctl(std::vector<std::string> args) {
         args.insert(args.begin(), {CALLHOMECTL_PATH, "--socket", sock});
-        return run(args, dir + "/ctl");
+        return run_program(args, dir / "ctl");
     }
 
-    std::string dir = make_dir();
-    std::string sock = dir + "/run/callhomed.sock", db = dir + "/state/callhome.db";
-    Daemon daemon{sock, db, dir + "/callhomed.pid"};
+    TempDir dir;
+    std::string sock = dir / "run/callhomed.sock", db = dir / "state/callhome.db";
+    Daemon daemon{sock, db, dir / "callhomed.pid"};
 };
 
-// CPU seconds a process has used so far.
+// CPU seconds a process has used so far (user and system time, fields 14 and 15).
 double cpu_seconds(pid_t pid) {
-    std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/stat"));
-    std::string field;
-    for (int i = 0; i < 13; ++i) { // past pid, comm (no blanks in ours), state, ...
-        in >> field;
-    }
-    unsigned long utime = 0, stime = 0;
-    in >> utime >> stime;
-    return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
-}
-
-size_t count(const std::string &text, const std::string &what) {
-    size_t n = 0;
-    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) {
-        ++n;
-    }
-    return n;
+    const std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
+    unsigned long user = 0, sys = 0;
+    std::sscanf(stat.c_str() + stat.rfind(')') + 2,
+                "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user, &sys);
+    return double(user + sys) / double(sysconf(_SC_CLK_TCK));
 }
 
 // A daemon of its own, started by the test, logging to a file.
 class LoggingDaemonTest : public DaemonTest {
   protected:
-    void SetUp() override { daemon.log = dir + "/callhomed.log"; }
+    void SetUp() override {
+        daemon.prepare = [&] { redirect(log); };
+    }
+    std::string log = dir / "callhomed.log";
 };
 
 TEST_F(LoggingDaemonTest, OutOfDescriptorsItBacksOffServesItsClientsAndLogsOnce) {
@@ -222,7 +119,11 @@ TEST_F(LoggingDaemonTest, OutOfDescriptorsItBacksOffServesItsClientsAndLogsOnce)
     // descriptors cannot open: it would report every check as a fault.
     GTEST_SKIP() << "needs descriptors the sanitizer runtime takes for itself";
 #endif
-    daemon.nofile = 64;
+    daemon.prepare = [&] {
+        const rlimit lim{64, 64};
+        setrlimit(RLIMIT_NOFILE, &lim);
+        redirect(log);
+    };
     ASSERT_TRUE(daemon.start());
     std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < 80; ++i) {
@@ -234,32 +135,37 @@ TEST_F(LoggingDaemonTest, OutOfDescriptorsItBacksOffServesItsClientsAndLogsOnce)
         c->ask(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
     }
     EXPECT_TRUE(clients.front()->receive());
-    const double cpu = cpu_seconds(daemon.pid);
+    const double cpu = cpu_seconds(daemon.child.pid());
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    EXPECT_LT(cpu_seconds(daemon.pid) - cpu, 0.1); // no spinning on the full table
+    EXPECT_LT(cpu_seconds(daemon.child.pid()) - cpu, 0.1); // no spinning on the full table
     // Room made, the clients that waited get in and are answered.
     clients.erase(clients.begin(), clients.begin() + 50);
     for (auto &c : clients) {
         EXPECT_TRUE(c->receive());
     }
-    const std::string log = slurp(daemon.log);
-    EXPECT_EQ(1u, count(log, "accept: Too many open files")) << log;
-    EXPECT_EQ(1u, count(log, "accepting connections again")) << log;
+    const std::string text = slurp(log);
+    EXPECT_EQ(1u, count(text, "accept: Too many open files")) << text;
+    EXPECT_EQ(1u, count(text, "accepting connections again")) << text;
 }
 
 // Where an operator looks: why a change was refused, why storing it failed, what became of
 // the database file; and a database that can't be used at all stops the daemon at once.
 TEST_F(LoggingDaemonTest, RefusalsAndStorageFailuresSayWhy) {
-    const Result bad = run({CALLHOMED_PATH, "--socket", sock, "--db", dir}, dir + "/bad");
-    EXPECT_EQ(1, bad.code);
-    EXPECT_NE(std::string::npos, bad.err.find("cannot use the database " + dir + ": ")) << bad.err;
+    const auto bad = run_program({CALLHOMED_PATH, "--socket", sock, "--db", dir.path}, dir / "bad");
+    EXPECT_EQ(1, bad.status);
+    EXPECT_TRUE(has(bad.err, "cannot use the database " + dir.path + ": ")) << bad.err;
 
     ASSERT_TRUE(daemon.start()); // creates the database
-    ASSERT_EQ(0, daemon.stop(SIGTERM));
+    ASSERT_EQ(0, daemon.child.stop());
     // Read-only for the daemon: root ignores file modes, so the daemon runs as nobody then.
     if (geteuid() == 0) {
-        daemon.user = 65534;
-        ASSERT_EQ(0, std::system(("chown -R 65534:65534 '" + dir + "'").c_str()));
+        daemon.prepare = [&] {
+            redirect(log);
+            if (setgid(65534) != 0 || setuid(65534) != 0) {
+                _exit(126);
+            }
+        };
+        ASSERT_EQ(0, std::system(("chown -R 65534:65534 '" + dir.path + "'").c_str()));
     }
     // A database it can't write stops it at start, saying why.
     ASSERT_EQ(0, chmod(db.c_str(), 0444));
@@ -268,29 +174,26 @@ TEST_F(LoggingDaemonTest, RefusalsAndStorageFailuresSayWhy) {
     for (const char *suffix : {"", "-wal", "-shm"}) {
         chmod((db + suffix).c_str(), 0644);
     }
-    ASSERT_TRUE(daemon.start()) << slurp(daemon.log);
+    ASSERT_TRUE(daemon.start()) << slurp(log);
     Client c(sock);
     EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
               c.request(CALLHOME_ENABLE_OPC, SET_REQ, switch_rec(1)).status);
-    EXPECT_EQ(CALLHOME_ERR_INVALID_INPUT,
-              c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("siteId", "caf\xe9")).status);
     ASSERT_EQ(0, unlink(db.c_str()));
     c.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("custId", "C-1"));
-    const std::string log = slurp(daemon.log);
+    const std::string text = slurp(log);
     for (const std::string &line : std::vector<std::string>{
              "cannot use the database " + db + ": ",
              "readonly database",
              "refused callHomeEnable=true: sysContactPhoneNumber is not set",
-             "refused siteId: not valid UTF-8 at byte 3",
              "was deleted while running",
          }) {
-        EXPECT_NE(std::string::npos, log.find(line)) << line << "\n" << log;
+        EXPECT_TRUE(has(text, line)) << line << "\n" << text;
     }
 }
 
 TEST_F(LoggingDaemonTest, RequestReachedAfterItsDeadlineIsRefusedUnapplied) {
     ASSERT_TRUE(daemon.start());
-    ASSERT_EQ(0, ctl({"fault", "delay", "CALLHOME_INFO_OPC", "600", "--type", "3"}).code);
+    ASSERT_EQ(0, ctl({"fault", "delay", "CALLHOME_INFO_OPC", "600", "--type", "3"}).status);
     Client c(sock);
     const uint32_t seq = c.ask(CALLHOME_INFO_OPC, SET_REQ, info_rec("siteId", "late"), true,
                                fr::monotonic_ms() + 300);
@@ -302,10 +205,9 @@ TEST_F(LoggingDaemonTest, RequestReachedAfterItsDeadlineIsRefusedUnapplied) {
     // Not applied; a request in time is.
     EXPECT_EQ(CALLHOME_UNKNOWN_ENTRY,
               c.request(CALLHOME_INFO_OPC, GET_REQ, info_rec("siteId")).status);
-    EXPECT_NE(std::string::npos, slurp(daemon.log)
-                                     .find("refused CALLHOME_INFO_OPC SET unapplied: its caller's "
-                                           "deadline had passed"))
-        << slurp(daemon.log);
+    EXPECT_TRUE(has(slurp(log), "refused CALLHOME_INFO_OPC SET unapplied: its caller's "
+                                "deadline had passed"))
+        << slurp(log);
 }
 
 TEST_F(DaemonTest, AcknowledgedChangesSurviveKillNineAndTheStaleSocketIsReplaced) {
@@ -321,9 +223,8 @@ TEST_F(DaemonTest, AcknowledgedChangesSurviveKillNineAndTheStaleSocketIsReplaced
             EXPECT_EQ(0, c.request(op, type, rec).status) << op;
         }
     }
-    EXPECT_EQ(128 + SIGKILL, daemon.stop(SIGKILL));
-    EXPECT_TRUE(access(sock.c_str(), F_OK) ==
-                0); // left behind by kill -9: the next start replaces it
+    EXPECT_EQ(128 + SIGKILL, daemon.child.stop(SIGKILL));
+    EXPECT_EQ(0, access(sock.c_str(), F_OK)); // left behind by kill -9: the next start replaces it
     ASSERT_TRUE(daemon.start());
     Client c(sock);
     auto r = c.request(CALLHOME_INFO_OPC, GET_REQ, info_rec("custId"));
@@ -358,9 +259,9 @@ TEST_F(DaemonTest, OnlySubscribersReceiveTypeAndDistributionNotifications) {
     sub.send(s);
     // A request on the same connection proves the subscription was handled first.
     sub.request(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
-    ASSERT_EQ(0, ctl({"group", "add", "Power"}).code);
-    ASSERT_EQ(0, ctl({"group", "del", "Syslog"}).code);
-    ASSERT_EQ(0, ctl({"distribution", "on", "mode", "2"}).code);
+    ASSERT_EQ(0, ctl({"group", "add", "Power"}).status);
+    ASSERT_EQ(0, ctl({"group", "del", "Syslog"}).status);
+    ASSERT_EQ(0, ctl({"distribution", "on", "mode", "2"}).status);
     const std::pair<int32_t, Bytes> expected[] = {
         {CALLHOME_ALERTGROUP_ADDED_NOTIF, {0, 0, 0, 8, 'P', 'o', 'w', 'e', 'r', 0}},
         {CALLHOME_ALERTGROUP_DELETED_NOTIF, {0, 0, 0, 5, 'S', 'y', 's', 'l', 'o', 'g', 0}},
@@ -412,19 +313,19 @@ TEST_F(DaemonTest, MalformedFrameClosesOnlyThatConnection) {
 
 // Faults that only a process shows (injected statuses: the channel tests).
 TEST_F(DaemonTest, InjectedFaultsThroughTheAdminTool) {
-    ASSERT_EQ(0, ctl({"fault", "drop", "CALLHOME_ENABLE_OPC", "--count", "2"}).code);
+    ASSERT_EQ(0, ctl({"fault", "drop", "CALLHOME_ENABLE_OPC", "--count", "2"}).status);
     Client c(sock);
     // Dropped requests are never answered: the first answer is the third request's.
     c.ask(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
     c.ask(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
     EXPECT_EQ(0, c.request(CALLHOME_ENABLE_OPC, GET_REQ, Bytes()).status);
 
-    ASSERT_EQ(0, ctl({"fault", "delay", "CALLHOME_ENABLE_OPC", "3000"}).code);
+    ASSERT_EQ(0, ctl({"fault", "delay", "CALLHOME_ENABLE_OPC", "3000"}).status);
     Client slow(sock), fast(sock);
     const uint32_t first = slow.ask(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
     const uint32_t second = slow.ask(CALLHOME_STATUS_OPC, GET_REQ, Bytes());
     EXPECT_EQ(0, fast.request(CALLHOME_STATUS_OPC, GET_REQ, Bytes()).status);
-    EXPECT_EQ(0, ctl({"ping"}).code);
+    EXPECT_EQ(0, ctl({"ping"}).status);
     EXPECT_FALSE(slow.receive(0)); // still held back, not holding up the others
     // The delayed connection's answers still come in the order asked.
     auto a = slow.receive();
@@ -436,22 +337,23 @@ TEST_F(DaemonTest, InjectedFaultsThroughTheAdminTool) {
 }
 
 TEST_F(DaemonTest, OneDaemonPerSocketAndSigtermCleansUp) {
-    const Result second =
-        run({CALLHOMED_PATH, "--socket", sock, "--db", dir + "/o.db"}, dir + "/2");
-    EXPECT_EQ(1, second.code);
-    EXPECT_NE(std::string::npos, second.err.find("another callhomed")) << second.err;
-    EXPECT_EQ(0, ctl({"ping"}).code); // the first one is untouched
+    const auto second =
+        run_program({CALLHOMED_PATH, "--socket", sock, "--db", dir / "o.db"}, dir / "2");
+    EXPECT_EQ(1, second.status);
+    EXPECT_TRUE(has(second.err, "another callhomed")) << second.err;
+    EXPECT_EQ(0, ctl({"ping"}).status); // the first one is untouched
     EXPECT_GT(std::atoi(slurp(daemon.pidfile).c_str()), 0);
-    EXPECT_EQ(0, daemon.stop(SIGTERM));
-    EXPECT_FALSE(access(sock.c_str(), F_OK) == 0);
-    EXPECT_FALSE(access(daemon.pidfile.c_str(), F_OK) == 0);
+    EXPECT_EQ(0, daemon.child.stop());
+    EXPECT_NE(0, access(sock.c_str(), F_OK));
+    EXPECT_NE(0, access(daemon.pidfile.c_str(), F_OK));
 }
 
 // The socket's own protection: its mode whatever the umask, the directories it trusts (and
-// that callhomectl trusts at the per-user default), fault injection only when asked for.
+// that callhomectl trusts at the per-user default). (Fault injection only when asked for:
+// tests/security, on the service ./run.sh starts.)
 TEST_F(DaemonTest, SocketGuardsItself) {
     const mode_t old_umask = umask(0);
-    Daemon loose(dir + "/loose/s.sock", dir + "/loose.db", dir + "/loose.pid", false);
+    Daemon loose{dir / "loose/s.sock", dir / "loose.db", dir / "loose.pid"};
     const bool started = loose.start();
     umask(old_umask);
     ASSERT_TRUE(started);
@@ -459,98 +361,80 @@ TEST_F(DaemonTest, SocketGuardsItself) {
     ASSERT_EQ(0, lstat(loose.sock.c_str(), &st));
     EXPECT_EQ(0660u, st.st_mode & 07777);
 
-    ASSERT_EQ(0, setenv("XDG_RUNTIME_DIR", dir.c_str(), 1));
+    ASSERT_EQ(0, setenv("XDG_RUNTIME_DIR", dir.path.c_str(), 1));
     unsetenv("CALLHOME_SOCKET");
-    const std::string per_user = dir + "/callhome/callhomed.sock";
-    struct Case {
+    const struct {
         std::string sock_dir;
         mode_t mode;
         const char *why; // in callhomed's refusal
-    };
-    const Case cases[] = {
-        {dir + "/shared", 0777, "mode 0777; it must be writable by its owner only"},
-        {dir + "/group", 0770, "mode 0770"},
-        {dir + "/callhome", 0755, "mode 0755; it must be 0700"}, // the per-user default
+    } cases[] = {
+        {dir / "shared", 0777, "mode 0777; it must be writable by its owner only"},
+        {dir / "group", 0770, "mode 0770"},
+        {dir / "callhome", 0755, "mode 0755; it must be 0700"}, // the per-user default
     };
     for (const auto &c : cases) {
         ASSERT_EQ(0, mkdir(c.sock_dir.c_str(), 0700));
         ASSERT_EQ(0, chmod(c.sock_dir.c_str(), c.mode));
-        const Result r =
-            run({CALLHOMED_PATH, "--socket", c.sock_dir + "/callhomed.sock", "--db", dir + "/x.db"},
-                dir + "/refused");
-        EXPECT_EQ(1, r.code) << c.sock_dir;
-        EXPECT_NE(std::string::npos, r.err.find(c.why)) << r.err;
+        const auto r = run_program(
+            {CALLHOMED_PATH, "--socket", c.sock_dir + "/callhomed.sock", "--db", dir / "x.db"},
+            dir / "refused");
+        EXPECT_EQ(1, r.status) << c.sock_dir;
+        EXPECT_TRUE(has(r.err, c.why)) << r.err;
     }
     // callhomectl does not talk to a listener in a per-user directory others can enter.
-    const Result ctl_refused = run({CALLHOMECTL_PATH, "ping"}, dir + "/ctl-default");
-    EXPECT_EQ(1, ctl_refused.code);
-    EXPECT_NE(std::string::npos,
-              ctl_refused.err.find("cannot reach the call-home service at " + per_user +
-                                   ": "
-                                   "the socket directory " +
-                                   dir + "/callhome has mode 0755"))
-        << ctl_refused.err;
+    const auto refused = run_program({CALLHOMECTL_PATH, "ping"}, dir / "ctl-default");
+    EXPECT_EQ(1, refused.status);
+    EXPECT_TRUE(has(refused.err, "cannot reach the call-home service at " + dir.path +
+                                     "/callhome/callhomed.sock: the socket directory " + dir.path +
+                                     "/callhome has mode 0755"))
+        << refused.err;
     unsetenv("XDG_RUNTIME_DIR");
-
-    // Started without --enable-fault-injection, the service refuses to arm faults.
-    const Result fault =
-        run({CALLHOMECTL_PATH, "--socket", loose.sock, "fault", "clear"}, dir + "/f");
-    EXPECT_EQ(1, fault.code);
-    EXPECT_NE(std::string::npos, fault.err.find("--enable-fault-injection")) << fault.err;
 }
 
 TEST_F(DaemonTest, CtlExitCodesAndOutputs) {
-    struct Case {
+    const struct {
         std::vector<std::string> args;
-        int code;
-        const char *in_out; // expected in stdout (0) or stderr (otherwise)
-    };
-    const Case cases[] = {
-        {{"ping"}, 0, "ok"},
-        {{}, 2, "missing command"},
-        {{"fault", "status", "NOT_AN_OPC", "1"}, 2, "bad opcode"},
-        {{"group", "add", "Test"}, 1, "already exists"},
-        {{"dump"}, 0, "\"alert_group_types\""},
+        int status;
+        const char *in_out; // expected in stdout (status 0) or stderr (otherwise)
+    } cases[] = {
+        {{"--socket", sock, "ping"}, 0, "ok"},
+        {{"--socket", sock}, 2, "missing command"},
+        {{"--socket", sock, "fault", "status", "NOT_AN_OPC", "1"}, 2, "bad opcode"},
+        {{"--socket", sock, "group", "add", "Test"}, 1, "already exists"},
+        {{"--socket", sock, "dump"}, 0, "\"alert_group_types\""},
+        {{"--help"}, 0, "dump keys"},
+        {{"--socket", dir / "no.sock", "ping"}, 1, "cannot reach"},
+        {{"--socket"}, 2, "needs a path"},
     };
     for (const auto &c : cases) {
-        const Result r = ctl(c.args);
-        EXPECT_EQ(c.code, r.code) << (c.args.empty() ? "(none)" : c.args[0]);
-        EXPECT_NE(std::string::npos, (c.code == 0 ? r.out : r.err).find(c.in_out)) << r.err;
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), CALLHOMECTL_PATH);
+        const auto r = run_program(args, dir / "ctl");
+        EXPECT_EQ(c.status, r.status) << args.back();
+        EXPECT_TRUE(has(c.status == 0 ? r.out : r.err, c.in_out)) << args.back() << r.err;
     }
-    const Result help = run({CALLHOMECTL_PATH, "--help"}, dir + "/help");
-    EXPECT_EQ(0, help.code);
-    EXPECT_NE(std::string::npos, help.out.find("dump keys"));
-    const Result gone = run({CALLHOMECTL_PATH, "--socket", dir + "/no.sock", "ping"}, dir + "/g");
-    EXPECT_EQ(1, gone.code);
-    EXPECT_NE(std::string::npos, gone.err.find("cannot reach"));
-    EXPECT_EQ(2, run({CALLHOMECTL_PATH, "--socket"}, dir + "/nopath").code);
 }
 
+// Answers longer than a frame: two alerts of 50,000 bytes each in the outbox listing.
 TEST_F(DaemonTest, LongOutputsArriveWhole) {
     Client c(sock);
-    const auto ok = [&](int op, const Bytes &rec) {
+    for (const auto &[op, rec] : std::vector<std::pair<int, Bytes>>{
+             {CALLHOME_INFO_OPC, info_rec("sysContactEmail", "ops@example.com")},
+             {CALLHOME_INFO_OPC, info_rec("sysContactPhoneNumber", "+1 800-555")},
+             {CALLHOME_INFO_OPC, info_rec("sysStreetAddress", "1 Main Street")},
+             {CALLHOME_ENABLE_OPC, switch_rec(1)},
+             {CALLHOME_DEST_EMAIL_OPC, dest_email_rec("full_txt", 1, "x@y.com")},
+             {CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec("full_txt", "all")}}) {
         ASSERT_EQ(0, c.request(op, SET_REQ, rec).status) << op;
-    };
-    for (const char *n : {"sysContactEmail", "sysContactPhoneNumber", "sysStreetAddress"}) {
-        ok(CALLHOME_INFO_OPC, info_rec(n, "ops@example.com"));
     }
-    ok(CALLHOME_ENABLE_OPC, switch_rec(1));
-    for (int i = -3; i < 47; ++i) {
-        const std::string name =
-            i < 0 ? Strings{"full_txt", "xml", "short_txt"}[i + 3] : "p" + std::to_string(i);
-        if (i >= 0) {
-            ok(CALLHOME_DEST_PROFILE_OPC, profile_rec(name));
-        }
-        ok(CALLHOME_DEST_EMAIL_OPC, dest_email_rec(name, 1, "x@y.com"));
-        ok(CALLHOME_PROFILE_ALERTGROUP_OPC, profile_group_rec(name, "all"));
+    const std::string body(50000, 'b');
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(0, ctl({"alert", "Test", body}).status);
     }
-    for (int i = 0; i < 3; ++i) {
-        ok(CALLHOME_ALERT_ACTION_OPC, action_rec("Inventory"));
-    }
-    const Result r = ctl({"outbox"});
-    ASSERT_EQ(0, r.code);
+    const auto r = ctl({"outbox"});
+    ASSERT_EQ(0, r.status);
     EXPECT_GT(r.out.size(), fr::kMaxBody);
-    EXPECT_EQ(150u, count(r.out, "\"id\": "));
+    EXPECT_EQ(2u, count(r.out, body));
     EXPECT_EQ("]\n", r.out.substr(r.out.size() - 2));
 }
 

@@ -38,6 +38,16 @@ template <size_t N> void fill(char (&field)[N], const std::string &s) {
 template <size_t N> std::string text(const char (&field)[N]) {
     return std::string(field, strnlen(field, N));
 }
+inline bool has(const std::string &hay, const std::string &needle) {
+    return hay.find(needle) != std::string::npos;
+}
+inline size_t count(const std::string &hay, const std::string &needle) {
+    size_t n = 0;
+    for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) {
+        ++n;
+    }
+    return n;
+}
 
 inline platform::CmiRequest request(int opcode, int type, Bytes record) {
     platform::CmiRequest r;

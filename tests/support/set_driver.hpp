@@ -54,19 +54,26 @@ inline Varbind str_vb(Oid name, const std::string &s) {
     return {std::move(name), ASN_OCTET_STR, Bytes(s.begin(), s.end())};
 }
 
+// The object table entry `i` as the agent registers it: the full OID in vp.
+inline variable object_var(size_t i) {
+    const auto &v = callhome_mib_variables[i];
+    variable vp{v.magic, char(v.type), v.acl, v.findVar, u_char(CALLHOME_MIB_ROOT_LEN + v.namelen),
+                {}};
+    std::copy(callhome_mib_variables_oid, callhome_mib_variables_oid + CALLHOME_MIB_ROOT_LEN,
+              vp.name);
+    std::copy(v.name, v.name + v.namelen, vp.name + CALLHOME_MIB_ROOT_LEN);
+    return vp;
+}
+
 // The read handler of the object `name` falls under, called as the agent calls it (exact).
 inline u_char *find_var(const Oid &name, WriteMethod **wm, size_t *len) {
-    for (const auto &v : callhome_mib_variables) {
-        variable vp{
-            v.magic, char(v.type), v.acl, v.findVar, u_char(CALLHOME_MIB_ROOT_LEN + v.namelen), {}};
-        std::copy(callhome_mib_variables_oid, callhome_mib_variables_oid + CALLHOME_MIB_ROOT_LEN,
-                  vp.name);
-        std::copy(v.name, v.name + v.namelen, vp.name + CALLHOME_MIB_ROOT_LEN);
+    for (size_t i = 0; i < CALLHOME_MIB_VARIABLE_COUNT; ++i) {
+        variable vp = object_var(i);
         if (name.size() >= vp.namelen && std::equal(vp.name, vp.name + vp.namelen, name.begin())) {
             oid buf[MAX_OID_LEN];
             size_t n = name.size();
             std::copy(name.begin(), name.end(), buf);
-            return v.findVar(&vp, buf, &n, 1, len, wm);
+            return vp.findVar(&vp, buf, &n, 1, len, wm);
         }
     }
     return nullptr;
