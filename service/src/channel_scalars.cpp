@@ -69,10 +69,15 @@ bool valid_server(uint32_t type, const std::string &server) {
     }
 }
 
-struct EmailScalar {
-    using Record = cmi_email_conf_t;
+// The writable scalars are settings: read from the state, written to the storage first and
+// to the state after.
+struct Setting {
     State &state;
     Storage &storage;
+};
+
+struct EmailScalar : Setting {
+    using Record = cmi_email_conf_t;
 
     Record get() const {
         const EmailConf &email = state.email;
@@ -121,10 +126,8 @@ struct EmailScalar {
 };
 
 // callHomeEnable and callHomeMsgThrottling.
-struct SwitchScalar {
+struct SwitchScalar : Setting {
     using Record = callhome_switch_t;
-    State &state;
-    Storage &storage;
     bool is_enable;
 
     Record get() const {
@@ -150,10 +153,8 @@ struct SwitchScalar {
     }
 };
 
-struct PeriodicScalar {
+struct PeriodicScalar : Setting {
     using Record = callhome_periodic_inventory_t;
-    State &state;
-    Storage &storage;
 
     Record get() const {
         Record out{};
@@ -205,15 +206,15 @@ struct StatusScalar {
 } // namespace
 
 platform::CmiReply Channel::op_email_conf(int type, const Bytes &b) {
-    return serve_scalar(EmailScalar{state_, storage_}, type, b);
+    return serve_scalar(EmailScalar{{state_, storage_}}, type, b);
 }
 
 platform::CmiReply Channel::op_switch(int type, const Bytes &b, bool is_enable) {
-    return serve_scalar(SwitchScalar{state_, storage_, is_enable}, type, b);
+    return serve_scalar(SwitchScalar{{state_, storage_}, is_enable}, type, b);
 }
 
 platform::CmiReply Channel::op_periodic(int type, const Bytes &b) {
-    return serve_scalar(PeriodicScalar{state_, storage_}, type, b);
+    return serve_scalar(PeriodicScalar{{state_, storage_}}, type, b);
 }
 
 platform::CmiReply Channel::op_status(int type, const Bytes &b) {

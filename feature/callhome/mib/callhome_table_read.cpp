@@ -188,8 +188,8 @@ bool prefix_matches(const oid *vp_name, size_t vp_namelen, const oid *name, size
     return length >= vp_namelen && snmp_oid_compare(name, vp_namelen, vp_name, vp_namelen) == 0;
 }
 
-/* A row OID under construction: the column, then index arcs. Headers check with column_fits
- * that the largest index of their table fits before building one. */
+/* A row OID under construction: the column, then index arcs. HeaderStart checks that the
+ * largest index of the table fits before building one. */
 struct RowOid {
     oid arcs[MAX_OID_LEN];
     size_t len = 0;
@@ -209,6 +209,19 @@ struct RowOid {
         std::memcpy(name, arcs, len * sizeof(oid));
         *length = len;
     }
+};
+
+/* How every header function starts. The distribution state is read first, before anything
+ * can fail: the platform sees that call at the start of every table read. Then the column
+ * the row OIDs are built on; `fits` is false when the table's largest index (`index_arcs`)
+ * would not fit after it, and the header answers -1 (the column is then left empty). */
+struct HeaderStart {
+    Distribution dist = distribution_state();
+    bool fits;
+    RowOid column;
+
+    HeaderStart(const oid *vp_name, size_t vp_namelen, size_t index_arcs)
+        : fits(column_fits(vp_namelen, index_arcs)), column(vp_name, fits ? vp_namelen : 0) {}
 };
 
 /* ---- Index decoding -------------------------------------------------------------------- */
@@ -267,18 +280,17 @@ int get_callHomeDestProfileEntry_instance(oid *vp_name, size_t vp_namelen, oid *
 
 int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                     int exact, callHomeDestProfileEntry_t *entry, int get_for_set) {
-    const Distribution dist = distribution_state();
-    if (!column_fits(vp_namelen, kTextIndexArcs)) {
+    const HeaderStart start(vp_name, vp_namelen, kTextIndexArcs);
+    if (!start.fits) {
         return -1;
     }
-    const RowOid column(vp_name, vp_namelen);
 
     int rc = get_callHomeDestProfileEntry_instance(vp_name, vp_namelen, name, length, exact, entry);
     if (rc != 0) {
         return rc;
     }
 
-    int msg_type = row_read_type(__func__, exact, get_for_set, dist);
+    int msg_type = row_read_type(__func__, exact, get_for_set, start.dist);
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending %s req for destination_profile_id = %s\n",
                    __func__, type_text(msg_type), entry->destination_profile_id);
 
@@ -293,7 +305,7 @@ int header_callHomeDestProfileEntry(oid *vp_name, size_t vp_namelen, oid *name, 
                        __func__, type_text(msg_type), entry->destination_profile_id,
                        entry->transport_method, entry->format_method,
                        static_cast<int>(entry->maximum_message_size), entry->row_status);
-        RowOid row = column;
+        RowOid row = start.column;
         row.add_text(entry->destination_profile_id);
         row.store(name, length);
         return 0;
@@ -424,11 +436,10 @@ int get_callHomeDestEmailAddressEntry_instance(oid *vp_name, size_t vp_namelen, 
 int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                          int exact, callHomeDestEmailAddressEntry_t *entry,
                                          int get_for_set) {
-    const Distribution dist = distribution_state();
-    if (!column_fits(vp_namelen, kTextIndexArcs + 1)) {
+    const HeaderStart start(vp_name, vp_namelen, kTextIndexArcs + 1);
+    if (!start.fits) {
         return -1;
     }
-    const RowOid column(vp_name, vp_namelen);
 
     int rc =
         get_callHomeDestEmailAddressEntry_instance(vp_name, vp_namelen, name, length, exact, entry);
@@ -436,7 +447,7 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
         return rc;
     }
 
-    int msg_type = row_read_type(__func__, exact, get_for_set, dist);
+    int msg_type = row_read_type(__func__, exact, get_for_set, start.dist);
     callhome_trace(CALLHOME_TRACE_INFO,
                    "%s : Sending %s req for destination_profile_id = %s, index = %d\n", __func__,
                    type_text(msg_type), entry->destination_profile_id, entry->index);
@@ -452,7 +463,7 @@ int header_callHomeDestEmailAddressEntry(oid *vp_name, size_t vp_namelen, oid *n
                        "email_addr = %s, row_status = %d\n",
                        __func__, type_text(msg_type), entry->destination_profile_id, entry->index,
                        entry->email_addr, entry->row_status);
-        RowOid row = column;
+        RowOid row = start.column;
         row.add_text(entry->destination_profile_id);
         row.add(static_cast<oid>(static_cast<uint32_t>(entry->index)));
         row.store(name, length);
@@ -553,11 +564,10 @@ int get_callhome_alertgroups_instance(oid *vp_name, size_t vp_namelen, oid *name
 
 int header_callhome_alertgroups(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                 int exact, mibAlertGroup_t *summary, int get_for_set) {
-    const Distribution dist = distribution_state();
-    if (!column_fits(vp_namelen, kTextIndexArcs)) {
+    const HeaderStart start(vp_name, vp_namelen, kTextIndexArcs);
+    if (!start.fits) {
         return -1;
     }
-    const RowOid column(vp_name, vp_namelen);
     callHomeAlertGroupEntry_t &record = callHomeAlertGroupEntry;
 
     const int rc = get_callhome_alertgroups_instance(vp_name, vp_namelen, name, length, exact,
@@ -567,7 +577,7 @@ int header_callhome_alertgroups(oid *vp_name, size_t vp_namelen, oid *name, size
     }
 
     /* The service keeps one row per (profile, group): walk them one by one. */
-    int msg_type = membership_read_type(__func__, 0, get_for_set, dist);
+    int msg_type = membership_read_type(__func__, 0, get_for_set, start.dist);
 
     callhome_copy_text(summary->destination_profile_id, record.destination_profile_id);
     summary->bitset_size = sizeof summary->bitset;
@@ -576,7 +586,7 @@ int header_callhome_alertgroups(oid *vp_name, size_t vp_namelen, oid *name, size
     get_all_alertgroup_types();
 
     const auto store_row = [&] {
-        RowOid row = column;
+        RowOid row = start.column;
         row.add_text(record.destination_profile_id);
         row.store(name, length);
     };
@@ -660,11 +670,11 @@ int get_callHomeAlertGroupType_instance(oid *vp_name, size_t vp_namelen, oid *na
 
 int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                   int exact, callhome_alertgroup_type_t *record) {
-    distribution_state(); /* the type table has no distribution variants */
-    if (!column_fits(vp_namelen, 1)) {
+    /* The distribution state is read here too, though this table has no distribution variants. */
+    const HeaderStart start(vp_name, vp_namelen, 1);
+    if (!start.fits) {
         return -1;
     }
-    const RowOid column(vp_name, vp_namelen);
 
     const int rc =
         get_callHomeAlertGroupType_instance(vp_name, vp_namelen, name, length, exact, record);
@@ -682,7 +692,7 @@ int header_callHomeAlertGroupType(oid *vp_name, size_t vp_namelen, oid *name, si
         callhome_trace(CALLHOME_TRACE_INFO,
                        "%s : Revd  resp for %s req : index = %d, grp_name = %s \n", __func__,
                        "GETNEXT", static_cast<int>(record->index), record->grp_name);
-        RowOid row = column;
+        RowOid row = start.column;
         row.add(record->index);
         row.store(name, length);
         return 0;
@@ -779,11 +789,10 @@ int get_callHomeUserDefCliCmd_instance(oid *vp_name, size_t vp_namelen, oid *nam
 int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name, size_t *length,
                                       int exact, callHomeUserDefCliCmdEntry_t *row,
                                       int get_for_set) {
-    const Distribution dist = distribution_state();
-    if (!column_fits(vp_namelen, 2)) {
+    const HeaderStart start(vp_name, vp_namelen, 2);
+    if (!start.fits) {
         return -1;
     }
-    const RowOid column(vp_name, vp_namelen);
     cmi_userdef_cli_cmd_t request;
     std::memset(&request, 0, sizeof request);
 
@@ -793,7 +802,7 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
         return rc;
     }
 
-    int msg_type = row_read_type(__func__, exact, get_for_set, dist);
+    int msg_type = row_read_type(__func__, exact, get_for_set, start.dist);
     callhome_trace(CALLHOME_TRACE_INFO, "%s : Sending %s req for alertgroup = %s, index = %d \n",
                    __func__, type_text(msg_type), row->alertgroup_name, row->index);
 
@@ -826,7 +835,7 @@ int header_callHomeUserDefCliCmdEntry(oid *vp_name, size_t vp_namelen, oid *name
     }
 
     /* The OID names the indexes tried even when the request failed. */
-    RowOid row_oid = column;
+    RowOid row_oid = start.column;
     row_oid.add(static_cast<uint32_t>(row->alertgroup_type));
     row_oid.add(static_cast<uint32_t>(row->index));
     row_oid.store(name, length);
