@@ -111,6 +111,19 @@ std::string duration(uint64_t sec) {
     return buf;
 }
 
+// A value in double quotes, its quotes and backslashes escaped, so that a parser of the short
+// form finds where it ends.
+std::string quoted(const std::string &value) {
+    std::string out = "\"";
+    for (const char c : value) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+        }
+        out += c;
+    }
+    return out + '"';
+}
+
 } // namespace
 
 std::vector<Package> parse_dpkg_status(const std::string &text) {
@@ -216,7 +229,7 @@ std::string to_xml(const Inventory &inv, const std::string &in) {
 }
 
 std::string to_short(const Inventory &inv) {
-    return "os=\"" + inv.os_release + "\" packages=" + std::to_string(inv.packages.size()) +
+    return "os=" + quoted(inv.os_release) + " packages=" + std::to_string(inv.packages.size()) +
            " cpus=" + std::to_string(inv.cpu_count) +
            " mem_mb=" + std::to_string(inv.mem_total_kb / 1024) +
            " uptime_s=" + std::to_string(inv.uptime_sec);
