@@ -134,7 +134,8 @@ TEST_F(AlertGroupTest, NamesSetTheBitsOfTheirTypesAndAllIsJudgedOverTheKnownType
 TEST_F(AlertGroupTest, TypeChangesBecomeNotificationsWithTheName) {
     // One binding: the name under the type-name column, at the big-endian index. The second
     // payload is shorter than 8 bytes. The platform emits only when the handler sets `send`.
-    static std::vector<std::pair<Arcs, std::string>> sent;
+    static std::vector<std::pair<Arcs, std::string>> sent; // the sink takes no captures
+    sent.clear();
     platform::set_trap_sink([](const oid *o, size_t len, netsnmp_variable_list *v) {
         ASSERT_TRUE(v->type == ASN_OCTET_STR && v->next_variable == nullptr);
         sent.emplace_back(Arcs(o, o + len) + Arcs(v->name, v->name + v->name_length),
