@@ -65,20 +65,19 @@ std::optional<std::vector<uint8_t>> encode(const Frame &f) {
     return out;
 }
 
-std::optional<Frame> decode(const uint8_t *data, size_t size) {
+bool decode_into(const uint8_t *data, size_t size, Frame &f) {
     if (data == nullptr || size < kHeaderSize || size > kMaxFrame) {
-        return std::nullopt;
+        return false;
     }
     if (get_u32(data) != kMagic || get_u16(data + 4) != kVersion ||
         !known_kind(get_u16(data + 6)) || get_u16(data + 42) != 0) {
-        return std::nullopt;
+        return false;
     }
     const size_t user_len = get_u16(data + 40);
     const size_t body_len = get_u32(data + 44);
     if (user_len > kMaxUser || body_len > kMaxBody || kHeaderSize + user_len + body_len != size) {
-        return std::nullopt;
+        return false;
     }
-    Frame f;
     f.kind = Kind(get_u16(data + 6));
     f.seq = get_u32(data + 8);
     f.opcode = int32_t(get_u32(data + 12));
@@ -91,6 +90,14 @@ std::optional<Frame> decode(const uint8_t *data, size_t size) {
     f.deadline_ms = uint64_t(get_u32(data + 48)) << 32 | get_u32(data + 52);
     f.user.assign(reinterpret_cast<const char *>(data + kHeaderSize), user_len);
     f.body.assign(data + kHeaderSize + user_len, data + kHeaderSize + user_len + body_len);
+    return true;
+}
+
+std::optional<Frame> decode(const uint8_t *data, size_t size) {
+    Frame f;
+    if (!decode_into(data, size, f)) {
+        return std::nullopt;
+    }
     return f;
 }
 

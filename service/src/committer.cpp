@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "callhome_wire.h"
 #include "posix/event_fd.hpp"
 
 namespace callhome {
@@ -82,11 +83,15 @@ void Committer::loop() {
         d.conn = job.conn;
         service_.end_undo(job.reads);
         d.reply = service_.process(job.request);
-        try {
-            d.snapshot = service_.snapshot();
-        } catch (const std::exception &e) {
-            std::cerr << "callhomed: no snapshot after a write (" << e.what()
-                      << "); the event loop takes it\n";
+        // Refused writes and store failures apply nothing, so the snapshot stands.
+        d.changed = d.reply.status == CALLHOME_SUCCESS;
+        if (d.changed) {
+            try {
+                d.snapshot = service_.snapshot();
+            } catch (const std::exception &e) {
+                std::cerr << "callhomed: no snapshot after a write (" << e.what()
+                          << "); the event loop takes it\n";
+            }
         }
         d.frame = std::move(job.frame);
         {

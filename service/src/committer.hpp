@@ -5,12 +5,13 @@
 // the sync takes far longer than any read. The loop hands each write request to this thread
 // and answers reads meanwhile from a snapshot of the state as last committed; the thread
 // applies the write to the live service (storage first, state after, as always), copies the
-// state into a new snapshot and posts both back. Only then does the loop swap snapshots and
-// answer the writer. So an acknowledged write is durable, a read never sees a value that is
-// not committed, and a client's own read after its write sees it (its requests are answered
-// in order). One write is in flight at a time: the next one, every admin command and every
-// read of the status objects (which run on the loop against the live service) wait until it
-// is done. A request whose caller's deadline passes while it waits is refused unapplied.
+// state into a new snapshot when the write changed it (a refused one changes nothing) and
+// posts both back. Only then does the loop swap snapshots and answer the writer. So an acknowledged
+// write is durable, a read never sees a value that is not committed, and a client's own read after
+// its write sees it (its requests are answered in order). One write is in flight at a time: the
+// next one, every admin command and every read of the status objects (which run on the loop against
+// the live service) wait until it is done. A request whose caller's deadline passes while it waits
+// is refused unapplied.
 #pragma once
 
 #include <condition_variable>
@@ -34,7 +35,8 @@ class Committer {
         uint64_t conn = 0;
         platform::frame::Frame frame;
         platform::CmiReply reply;
-        Service::SnapshotPtr snapshot;
+        bool changed = false;          // the write was applied: readers need a new snapshot
+        Service::SnapshotPtr snapshot; // null when none could be taken (or none was needed)
     };
 
     // Starts the thread. Throws std::runtime_error when the wake-up descriptor can't be made.

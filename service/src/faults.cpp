@@ -4,6 +4,7 @@ namespace callhome {
 
 void Faults::arm(int opcode, std::optional<int> type, int count, FaultAction action) {
     faults_.push_back({opcode, type, count, action});
+    armed_ = faults_.size();
 }
 
 FaultAction Faults::take(int opcode, int msg_type, bool status_only) {
@@ -17,6 +18,7 @@ FaultAction Faults::take(int opcode, int msg_type, bool status_only) {
         const FaultAction a = it->action;
         if (--it->remaining <= 0) {
             faults_.erase(it);
+            armed_ = faults_.size();
         }
         return a;
     }

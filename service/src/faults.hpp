@@ -3,6 +3,7 @@
 // paths against a real service.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <vector>
 
@@ -15,10 +16,15 @@ class Faults {
     // Arms `action` for the next `count` requests of `opcode` (of message type `type`, when
     // given). Faults armed earlier match first.
     void arm(int opcode, std::optional<int> type, int count, FaultAction action);
-    void clear() { faults_.clear(); }
+    void clear() {
+        faults_.clear();
+        armed_ = 0;
+    }
     // The action of the first fault that matches, counted down; Kind::None when none does.
     // `status_only` looks at status faults only (for hosts that can't delay or drop).
     FaultAction take(int opcode, int msg_type, bool status_only);
+    // Whether any fault is armed; any thread may ask (the others are for the owner's).
+    bool armed() const { return armed_.load() != 0; }
 
   private:
     struct Fault {
@@ -28,6 +34,7 @@ class Faults {
         FaultAction action;
     };
     std::vector<Fault> faults_;
+    std::atomic<size_t> armed_{0}; // faults_.size()
 };
 
 } // namespace callhome

@@ -6,10 +6,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <span>
 #include <stdexcept>
+#include <system_error>
 
 #include "callhome/access.hpp"
 #include "callhome/paths.hpp"
@@ -17,6 +20,7 @@
 #include "callhome/protocol.hpp"
 #include "cmi.h"
 #include "committer.hpp"
+#include "posix/event_fd.hpp"
 
 namespace callhome {
 namespace {
@@ -26,11 +30,14 @@ namespace fr = platform::frame;
 // Bounds that keep one misbehaving client from growing the service without limit.
 constexpr size_t kMaxInbox = 1024;
 constexpr size_t kMaxOutbox = 4096;
+// Connections served by a reader thread of their own; those beyond are served by the loop.
+// snmpd and an AgentX subagent keep one or two connections each.
+constexpr size_t kMaxReaders = 32;
 // A request reached with less than this left would likely be answered after its caller
 // gave up; it is refused like one whose deadline has passed.
 constexpr uint64_t kDeadlineMarginMs = 20;
 // What an epoll event stands for, when it is not a connection (whose Conn it points at).
-enum Tag : uint64_t { kStop = 1, kListener, kCommitter, kServiceEvent };
+enum Tag : uint64_t { kStop = 1, kListener, kCommitter, kServiceEvent, kReaders };
 // Out of descriptors, the listener is left alone this long before accepting again.
 constexpr auto kAcceptBackoff = std::chrono::milliseconds(250);
 
@@ -73,10 +80,60 @@ platform::CmiRequest to_request(fr::Frame &f) {
     return req;
 }
 
+// The same into `req`, keeping its capacity: the frame's body is swapped in.
+void fill_request(fr::Frame &f, platform::CmiRequest &req) {
+    req.opcode = f.opcode;
+    req.msg_type = f.msg_type;
+    req.record.swap(f.body);
+    req.wants_record = (f.flags & fr::kWantsRecord) != 0;
+    req.user_null = (f.flags & fr::kUserNull) != 0;
+    req.user = f.user;
+    req.session = f.session;
+    req.client = f.client;
+    req.wait = f.wait;
+}
+
 const char *type_name(int msg_type) {
     static const char *const kNames[] = {"GET",    "GETNEXT",  "SET",
                                          "DELETE", "VELD_GET", "VELD_GETNEXT"};
     return msg_type >= 1 && msg_type <= 6 ? kNames[msg_type - 1] : "request";
+}
+
+// The answer to a request reached when its caller has (nearly) stopped waiting, or nullopt.
+// Its caller was told it failed: applying it now would change what the caller was told.
+std::optional<fr::Frame> refusal_if_late(const fr::Frame &f) {
+    const uint64_t now = fr::monotonic_ms();
+    if (f.deadline_ms == 0 || now + kDeadlineMarginMs <= f.deadline_ms) {
+        return std::nullopt;
+    }
+    const int64_t late = int64_t(now) - int64_t(f.deadline_ms);
+    std::cerr << "callhomed: refused " << mts_opc_name_get(f.opcode) << " " << type_name(f.msg_type)
+              << " unapplied: its caller's deadline "
+              << (late >= 0 ? "had passed " + std::to_string(late) + " ms before"
+                            : "was " + std::to_string(-late) + " ms away when")
+              << " it was reached\n";
+    fr::Frame reply;
+    reply.kind = fr::Kind::Response;
+    reply.seq = f.seq;
+    reply.opcode = f.opcode;
+    reply.msg_type = f.msg_type;
+    reply.status = -1;
+    reply.flags = fr::kExpired;
+    return reply;
+}
+
+// The response frame to `f`, without its record: flags say whether `r`'s record goes along.
+fr::Frame response_to(const fr::Frame &f, const platform::CmiReply &r) {
+    fr::Frame reply;
+    reply.kind = fr::Kind::Response;
+    reply.seq = f.seq;
+    reply.opcode = f.opcode;
+    reply.msg_type = f.msg_type;
+    reply.status = r.status;
+    if ((f.flags & fr::kWantsRecord) && r.has_record) {
+        reply.flags = fr::kHasRecord;
+    }
+    return reply;
 }
 
 } // namespace
@@ -131,8 +188,10 @@ Server::Server(Service &service, std::string socket_path)
     }
     committer_ = std::make_unique<Committer>(service_);
     snapshot_ = service_.snapshot();
+    handed_wake_ = posix::event_fd();
     watch(listen_.get(), EPOLLIN, kListener, EPOLL_CTL_ADD);
     watch(committer_->fd(), EPOLLIN, kCommitter, EPOLL_CTL_ADD);
+    watch(handed_wake_.get(), EPOLLIN, kReaders, EPOLL_CTL_ADD);
     if (service_.event_fd() >= 0) {
         watch(service_.event_fd(), EPOLLIN, kServiceEvent, EPOLL_CTL_ADD);
     }
@@ -147,6 +206,9 @@ Server::Server(Service &service, std::string socket_path)
 
 Server::~Server() {
     committer_.reset(); // the write in flight finishes first
+    for (Conn &c : conns_) {
+        stop_reader(c);
+    }
     service_.set_notifier({});
     if (listen_) {
         unlink(path_.c_str());
@@ -163,14 +225,39 @@ void Server::watch(int fd, uint32_t events, uint64_t data, int op) {
 }
 
 void Server::drop_dead() {
-    conns_.remove_if([this](const Conn &c) {
+    conns_.remove_if([this](Conn &c) {
         if (c.dead) {
+            stop_reader(c);
             // Explicitly: a child forked meanwhile may still hold the descriptor, and the
             // registration would outlive the Conn it points at.
             epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.fd.get(), nullptr);
         }
         return c.dead;
     });
+}
+
+void Server::stop_reader(Conn &c) {
+    if (!c.reader.joinable()) {
+        return;
+    }
+    // shutdown() wakes a reader blocked in recv() (a forked child may hold the descriptor
+    // too, so closing it would not); clearing with_loop wakes one that waits for the loop.
+    c.closing = true;
+    shutdown(c.fd.get(), SHUT_RDWR);
+    c.with_loop = false;
+    c.with_loop.notify_one();
+    c.reader.join();
+    --readers_;
+    std::lock_guard<std::mutex> lock(handed_mutex_);
+    handed_.erase(std::remove(handed_.begin(), handed_.end(), &c), handed_.end());
+}
+
+void Server::publish(Service::SnapshotPtr snapshot) {
+    {
+        std::lock_guard<std::mutex> lock(read_mutex_);
+        snapshot_.swap(snapshot);
+    }
+    // The old one (if no reader still holds it) goes here, outside the lock.
 }
 
 void Server::run(int stop_fd) {
@@ -223,6 +310,27 @@ void Server::run(int stop_fd) {
         }
         // Writability is asked for only while answers wait in an outbox.
         for (Conn &c : conns_) {
+            if (c.reader.joinable()) {
+                // The loop is done with it once its answers are all out: its reader goes on.
+                if (c.loop_has && !c.dead && c.inbox.empty() && !c.held && !c.writing &&
+                    c.outbox.empty()) {
+                    c.loop_has = false;
+                    c.with_loop = false;
+                    c.with_loop.notify_one();
+                }
+                if (const bool want = !c.outbox.empty(); want != c.want_out) {
+                    epoll_event e{};
+                    e.events = EPOLLOUT;
+                    e.data.ptr = &c;
+                    if (epoll_ctl(epoll_.get(), want ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, c.fd.get(),
+                                  &e) != 0) {
+                        c.dead = true;
+                        continue;
+                    }
+                    c.want_out = want;
+                }
+                continue;
+            }
             if (const bool want = !c.outbox.empty(); want != c.want_out) {
                 epoll_event e{};
                 e.events = EPOLLIN | (want ? uint32_t(EPOLLOUT) : 0u);
@@ -242,7 +350,8 @@ void Server::run(int stop_fd) {
             }
             fail("epoll_wait");
         }
-        bool accept_ready = false, committer_ready = false, service_ready = false;
+        bool accept_ready = false, committer_ready = false, service_ready = false,
+             readers_ready = false;
         for (int i = 0; i < n; ++i) {
             switch (events[size_t(i)].data.u64) {
             case kStop:
@@ -256,6 +365,9 @@ void Server::run(int stop_fd) {
             case kServiceEvent:
                 service_ready = true;
                 break;
+            case kReaders:
+                readers_ready = true;
+                break;
             default: // a connection, served below
                 break;
             }
@@ -266,23 +378,26 @@ void Server::run(int stop_fd) {
         if (committer_ready) {
             finish_write();
         }
+        if (readers_ready) {
+            take_handed();
+        }
         // The service's own work (schedule, finished commands) changes the live state: only
         // while no write is with the committer, and the snapshot follows. A busy committer
         // wakes the loop when done, and the event is still pending then.
         if (!committer_->busy() && (service_ready || service_due <= Clock::now())) {
             service_.on_event();
-            snapshot_ = service_.snapshot();
+            publish(service_.snapshot());
         }
         for (int i = 0; i < n; ++i) {
             const epoll_event &e = events[size_t(i)];
-            if (e.data.u64 <= kServiceEvent) {
+            if (e.data.u64 <= kReaders) {
                 continue;
             }
             Conn &c = *static_cast<Conn *>(e.data.ptr);
-            if (e.events & EPOLLOUT) {
+            if (e.events & (EPOLLOUT | (c.reader.joinable() ? EPOLLHUP | EPOLLERR : 0u))) {
                 flush(c);
             }
-            if (!c.dead && (e.events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
+            if (!c.dead && !c.reader.joinable() && (e.events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
                 read_from(c);
                 pump(c);
             }
@@ -293,7 +408,8 @@ void Server::run(int stop_fd) {
 
 void Server::accept_clients() {
     for (;;) {
-        const int fd = accept4(listen_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        // Blocking: a reader thread waits in recv(); the loop's own calls say MSG_DONTWAIT.
+        const int fd = accept4(listen_.get(), nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             const int err = errno;
             if (err == EINTR || err == ECONNABORTED) {
@@ -328,6 +444,16 @@ void Server::accept_clients() {
         Conn &c = conns_.back();
         c.fd = std::move(conn);
         c.id = next_conn_id_++;
+        if (readers_ < kMaxReaders) {
+            try {
+                c.reader = std::thread([this, &c] { read_loop(c); });
+                ++readers_;
+                continue;
+            } catch (const std::system_error &e) {
+                std::cerr << "callhomed: no reader thread for a new connection (" << e.what()
+                          << "); the event loop serves it\n";
+            }
+        }
         epoll_event e{};
         e.events = EPOLLIN;
         e.data.ptr = &c;
@@ -383,7 +509,9 @@ void Server::finish_write() {
     }
     // A snapshot the committer could not take (out of memory) is taken here: the live
     // service is idle again.
-    snapshot_ = done->snapshot ? std::move(done->snapshot) : service_.snapshot();
+    if (done->changed) {
+        publish(done->snapshot ? std::move(done->snapshot) : service_.snapshot());
+    }
     for (Conn &c : conns_) {
         if (c.id == done->conn && c.writing) {
             c.writing = false;
@@ -443,7 +571,7 @@ void Server::handle(Conn &c, fr::Frame &&f) {
                       1,
                       "fault injection is off (callhomed --enable-fault-injection turns it on)\n")
                 : service_.admin(args);
-        snapshot_ = service_.snapshot();
+        publish(service_.snapshot());
         // Long outputs go in pieces; every piece but the last carries kAdminMore.
         size_t pos = 0;
         do {
@@ -470,31 +598,20 @@ void Server::handle(Conn &c, fr::Frame &&f) {
 }
 
 void Server::serve(Conn &c, fr::Frame &&f) {
-    const uint64_t now = fr::monotonic_ms();
-    if (f.deadline_ms != 0 && now + kDeadlineMarginMs > f.deadline_ms) {
-        // Its caller has stopped waiting: applying it now would change what the caller
-        // was told had failed.
-        const int64_t late = int64_t(now) - int64_t(f.deadline_ms);
-        std::cerr << "callhomed: refused " << mts_opc_name_get(f.opcode) << " "
-                  << type_name(f.msg_type) << " unapplied: its caller's deadline "
-                  << (late >= 0 ? "had passed " + std::to_string(late) + " ms before"
-                                : "was " + std::to_string(-late) + " ms away when")
-                  << " it was reached\n";
-        fr::Frame reply;
-        reply.kind = fr::Kind::Response;
-        reply.seq = f.seq;
-        reply.opcode = f.opcode;
-        reply.msg_type = f.msg_type;
-        reply.status = -1;
-        reply.flags = fr::kExpired;
-        send(c, reply);
+    if (const auto refusal = refusal_if_late(f)) {
+        send(c, *refusal);
         return;
     }
     if (Service::snapshot_answers(f.opcode, f.msg_type)) {
-        if (f.session != 0) {
-            undo_.saw(f.session);
+        platform::CmiReply r;
+        {
+            std::lock_guard<std::mutex> lock(read_mutex_);
+            if (f.session != 0) {
+                undo_.saw(f.session);
+            }
+            r = service_.read(*snapshot_, to_request(f));
         }
-        answer_request(c, f, service_.read(*snapshot_, to_request(f)));
+        answer_request(c, f, std::move(r));
         return;
     }
     if (!committer_->busy()) {
@@ -507,18 +624,17 @@ void Server::serve(Conn &c, fr::Frame &&f) {
     }
     c.writing = true;
     auto request = to_request(f);
-    committer_->submit(c.id, std::move(f), std::move(request), std::exchange(undo_, {}));
+    Service::ReadSessions reads;
+    {
+        std::lock_guard<std::mutex> lock(read_mutex_);
+        reads = std::exchange(undo_, {});
+    }
+    committer_->submit(c.id, std::move(f), std::move(request), reads);
 }
 
 void Server::answer_request(Conn &c, const fr::Frame &f, platform::CmiReply &&r) {
-    fr::Frame reply;
-    reply.kind = fr::Kind::Response;
-    reply.seq = f.seq;
-    reply.opcode = f.opcode;
-    reply.msg_type = f.msg_type;
-    reply.status = r.status;
-    if ((f.flags & fr::kWantsRecord) && r.has_record) {
-        reply.flags = fr::kHasRecord;
+    fr::Frame reply = response_to(f, r);
+    if (reply.flags & fr::kHasRecord) {
         reply.body = std::move(r.record);
     }
     send(c, reply);
@@ -583,6 +699,133 @@ void Server::broadcast(int32_t id, const std::vector<uint8_t> &payload) {
     for (Conn &c : conns_) {
         if (c.subscriber) {
             send(c, n);
+        }
+    }
+}
+
+
+void Server::read_loop(Conn &c) {
+    // Sized once and never cleared: one byte over the largest frame shows a truncated message.
+    const auto rx = std::make_unique_for_overwrite<uint8_t[]>(fr::kMaxFrame + 1);
+    fr::Frame f;
+    platform::CmiRequest request;
+    std::vector<uint8_t> tx;
+    bool subscribed = false; // notifications may go out meanwhile: only the loop sends then
+    while (!c.closing) {
+        const ssize_t n = recv(c.fd.get(), rx.get(), fr::kMaxFrame + 1, MSG_TRUNC);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) { // the peer closed, or the connection failed
+            hand_off(c, Handed::Closed);
+            return;
+        }
+        if (size_t(n) > fr::kMaxFrame || !fr::decode_into(rx.get(), size_t(n), f)) {
+            std::cerr << "callhomed: malformed frame; closing the connection\n";
+            hand_off(c, Handed::Closed);
+            return;
+        }
+        subscribed = subscribed || f.kind == fr::Kind::Subscribe;
+        // An armed fault may match any request: the loop applies faults.
+        if (!subscribed && f.kind == fr::Kind::Request &&
+            Service::snapshot_answers(f.opcode, f.msg_type) && !service_.faults_armed()) {
+            if (!answer_read(c, f, request, tx)) {
+                return;
+            }
+            continue;
+        }
+        std::swap(c.handed_frame, f);
+        hand_off(c, Handed::Frame);
+    }
+}
+
+bool Server::answer_read(Conn &c, fr::Frame &f, platform::CmiRequest &request,
+                         std::vector<uint8_t> &tx) {
+    const auto refusal = refusal_if_late(f);
+    std::span<const uint8_t> body;
+    platform::CmiReply r;
+    fr::Frame reply;
+    if (refusal) {
+        reply = *refusal;
+    } else {
+        fill_request(f, request);
+        {
+            std::lock_guard<std::mutex> lock(read_mutex_);
+            if (f.session != 0) {
+                undo_.saw(f.session);
+            }
+            r = service_.read(*snapshot_, request);
+        }
+        reply = response_to(f, r);
+        if (reply.flags & fr::kHasRecord) {
+            body = r.record;
+        }
+    }
+    if (!fr::encode_into(reply, body, tx)) {
+        std::cerr << "callhomed: answer too large to frame; closing the connection\n";
+        hand_off(c, Handed::Closed);
+        return false;
+    }
+    for (;;) {
+        if (::send(c.fd.get(), tx.data(), tx.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+            return true;
+        }
+        if (errno != EINTR) {
+            break;
+        }
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+        hand_off(c, Handed::Closed);
+        return false;
+    }
+    // A client that is not ready for it: the loop sends it when the client is, and the
+    // reader reads on only then.
+    c.handed_answer = tx;
+    hand_off(c, Handed::Answer);
+    return !c.closing;
+}
+
+void Server::hand_off(Conn &c, Handed what) {
+    c.handed = what;
+    c.with_loop = true;
+    {
+        std::lock_guard<std::mutex> lock(handed_mutex_);
+        handed_.push_back(&c);
+    }
+    const uint64_t one = 1;
+    if (write(handed_wake_.get(), &one, sizeof one) < 0 && errno != EAGAIN) {
+        std::cerr << "callhomed: cannot wake the event loop: " << std::strerror(errno) << "\n";
+    }
+    // Checked after with_loop is set: stop_reader sets closing before it clears with_loop,
+    // so either this sees closing or the wait sees with_loop cleared.
+    if (what != Handed::Closed && !c.closing) {
+        c.with_loop.wait(true);
+    }
+}
+
+void Server::take_handed() {
+    uint64_t n;
+    while (read(handed_wake_.get(), &n, sizeof n) > 0) {
+    }
+    std::vector<Conn *> posted;
+    {
+        std::lock_guard<std::mutex> lock(handed_mutex_);
+        posted.swap(handed_);
+    }
+    for (Conn *p : posted) {
+        Conn &c = *p;
+        c.loop_has = true;
+        switch (c.handed) {
+        case Handed::Frame:
+            c.inbox.push_back(std::move(c.handed_frame));
+            pump(c);
+            break;
+        case Handed::Answer:
+            c.outbox.push_back(std::move(c.handed_answer));
+            break;
+        case Handed::Closed:
+            c.dead = true;
+            break;
         }
     }
 }

@@ -98,6 +98,10 @@ FaultAction Service::take_fault(int opcode, int msg_type) {
     return impl_->faults.take(opcode, msg_type, false);
 }
 
+bool Service::faults_armed() const {
+    return impl_->faults.armed();
+}
+
 // `smtp-server HOST [PORT]`: the e-mail record the module would send for a SET of the SMTP
 // server objects, answered by the same handler, so the same checks apply and a walk shows
 // the result.

@@ -71,6 +71,9 @@ bool encode_into(const Frame &f, std::span<const uint8_t> body, std::vector<uint
 // a reserved field that is not 0, lengths that disagree with the message size, or anything beyond
 // the limits.
 std::optional<Frame> decode(const uint8_t *data, size_t size);
+// The same into `out`, whose user and body keep their capacity (a caller that keeps `out`
+// allocates nothing per frame). False, with `out` unspecified, where decode refuses.
+bool decode_into(const uint8_t *data, size_t size, Frame &out);
 
 // Now on the clock that deadlines are written in.
 uint64_t monotonic_ms();

@@ -1,14 +1,25 @@
 // callhomed's event loop: one thread, epoll(7), many connections on an AF_UNIX
 // SOCK_SEQPACKET socket, each connection's requests answered in order. Writes commit on a
 // second thread (committer.hpp says how and why) while reads go on.
+//
+// Up to kMaxReaders connections also get a reader thread of their own that blocks in recv()
+// and answers the reads a snapshot answers by itself: a round trip then costs the client's
+// send and recv and the service's recv and send, with no wake-up of the loop in between.
+// Everything else such a reader hands to the loop and waits until the loop is done with the
+// connection (its answer sent, nothing held, nothing left in its outbox), so the loop keeps
+// every rule it has (order, faults, writes, admin, subscriptions) and only one thread ever
+// sends on a connection that is not subscribed.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "callhome/service.hpp"
@@ -43,6 +54,8 @@ class Server {
         platform::frame::Frame frame;
         Clock::time_point due;
     };
+    // What a reader thread hands the loop.
+    enum class Handed { Frame, Answer, Closed };
     struct Conn {
         uint64_t id = 0;
         UniqueFd fd;
@@ -53,7 +66,31 @@ class Server {
         std::deque<platform::frame::Frame> inbox;
         std::optional<Held> held; // a request whose answer is being delayed
         std::deque<std::vector<uint8_t>> outbox;
+
+        // With a reader thread, the loop watches the connection only for writability.
+        std::thread reader;
+        std::atomic<bool> with_loop{false}; // the reader waits until the loop clears it
+        bool loop_has = false;              // the loop took what the reader handed (loop only)
+        std::atomic<bool> closing{false};   // the reader stops
+        Handed handed = Handed::Closed;     // set by the reader before it posts the Conn
+        platform::frame::Frame handed_frame;
+        std::vector<uint8_t> handed_answer; // an answer the client was not ready for
     };
+
+    // A connection's reader thread: answers snapshot reads, hands the rest to the loop.
+    void read_loop(Conn &c);
+    // The reader's answer to a snapshot read; false when the connection failed.
+    bool answer_read(Conn &c, platform::frame::Frame &f, platform::CmiRequest &request,
+                     std::vector<uint8_t> &tx);
+    // Posts `c` (whose handed* fields are set) to the loop; waits until the loop is done with
+    // it unless it closed.
+    void hand_off(Conn &c, Handed what);
+    // The loop's side: takes what readers posted.
+    void take_handed();
+    // Wakes and joins a connection's reader (before its Conn goes).
+    void stop_reader(Conn &c);
+    // The snapshot readers answer from, swapped in under read_mutex_.
+    void publish(Service::SnapshotPtr snapshot);
 
     // epoll_ctl for one of the loop's own descriptors; throws on failure.
     void watch(int fd, uint32_t events, uint64_t data, int op);
@@ -87,8 +124,16 @@ class Server {
     std::vector<uint8_t> rx_; // receive buffer shared by all connections
     std::vector<uint8_t> tx_; // the answer being sent, likewise
     uint64_t next_conn_id_ = 1;
-    Service::ReadSessions undo_;           // of the reads since the last write
-    Service::SnapshotPtr snapshot_;        // the state as last committed; reads answer from it
+    // Guards undo_ and snapshot_, and every read of a snapshot (a read changes the snapshot's
+    // own bookkeeping), for the loop and the readers alike.
+    std::mutex read_mutex_;
+    Service::ReadSessions undo_;    // of the reads since the last write
+    Service::SnapshotPtr snapshot_; // the state as last committed; reads answer from it
+    // Connections whose reader handed something over, and the loop's wake-up for them.
+    std::mutex handed_mutex_;
+    std::vector<Conn *> handed_;
+    UniqueFd handed_wake_;
+    size_t readers_ = 0;                   // connections with a reader thread
     std::unique_ptr<Committer> committer_; // last: stopped first
 };
 

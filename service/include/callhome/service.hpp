@@ -62,6 +62,8 @@ class Service {
     // For the daemon, which applies delays and drops itself: takes the fault (if any) that
     // matches the request, counting it down, and answers the request without fault checks.
     FaultAction take_fault(int opcode, int msg_type);
+    // Whether any fault is armed. Unlike the rest, any thread may ask.
+    bool faults_armed() const;
     platform::CmiReply process(const platform::CmiRequest &request);
 
     // For the daemon, which answers reads while a write commits on another thread: a copy of
