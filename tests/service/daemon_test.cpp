@@ -202,9 +202,13 @@ TEST_F(LoggingDaemonTest, RequestReachedAfterItsDeadlineIsRefusedUnapplied) {
     EXPECT_EQ(seq, r->seq);
     EXPECT_TRUE(r->flags & fr::kExpired);
     EXPECT_EQ(-1, r->status);
-    // Not applied; a request in time is.
+    // Not applied; a request in time is. A read reached late is refused like a write.
     EXPECT_EQ(CALLHOME_UNKNOWN_ENTRY,
               c.request(CALLHOME_INFO_OPC, GET_REQ, info_rec("siteId")).status);
+    c.ask(CALLHOME_INFO_OPC, GET_REQ, info_rec("siteId"), true, fr::monotonic_ms() - 1);
+    r = c.receive();
+    ASSERT_TRUE(r);
+    EXPECT_TRUE(r->flags & fr::kExpired);
     EXPECT_TRUE(has(slurp(log), "refused CALLHOME_INFO_OPC SET unapplied: its caller's "
                                 "deadline had passed"))
         << slurp(log);
@@ -281,7 +285,8 @@ TEST_F(DaemonTest, SeveralClientsAreAnsweredInTheirOwnOrder) {
     std::vector<std::unique_ptr<Client>> clients;
     const int types[] = {SET_REQ, GET_REQ, DELETE_REQ, GET_REQ};
     const int expected[] = {0, 0, 0, CALLHOME_UNKNOWN_ENTRY};
-    for (int i = 0; i < 6; ++i) { // each client sends its whole batch before reading anything
+    // More clients than callhomed gives reader threads (32): the loop serves the rest.
+    for (int i = 0; i < 36; ++i) { // each client sends its whole batch before reading anything
         clients.push_back(std::make_unique<Client>(sock));
         for (int type : types) {
             clients[i]->ask(CALLHOME_DEST_PROFILE_OPC, type, profile_rec("c" + std::to_string(i)));
@@ -294,6 +299,28 @@ TEST_F(DaemonTest, SeveralClientsAreAnsweredInTheirOwnOrder) {
             EXPECT_EQ(k + 1, f->seq);
             EXPECT_EQ(expected[k], f->status) << k;
         }
+    }
+}
+
+TEST_F(DaemonTest, ClientThatStopsReadingHoldsUpOnlyItselfAndGetsEveryAnswerInOrder) {
+    Client slow(sock), other(sock);
+    ASSERT_EQ(0, slow.request(CALLHOME_INFO_OPC, SET_REQ, info_rec("custId", "C-1")).status);
+    fr::Frame f; // answered with a whole record: the answers fill the socket before the asks
+    f.opcode = CALLHOME_INFO_OPC;
+    f.msg_type = GET_REQ;
+    f.flags = fr::kWantsRecord;
+    f.body = info_rec("custId");
+    uint32_t sent = 0;
+    for (pollfd p{slow.fd, POLLOUT, 0}; sent < 2000 && poll(&p, 1, 300) > 0; ++sent) {
+        f.seq = ++slow.seq;
+        slow.send(f);
+    }
+    EXPECT_LT(sent, 2000u); // the daemon stopped taking them
+    EXPECT_EQ(0, other.request(CALLHOME_ENABLE_OPC, GET_REQ, Bytes()).status);
+    for (uint32_t k = 0; k < sent; ++k) {
+        auto r = slow.receive();
+        ASSERT_TRUE(r && r->status == 0) << k;
+        ASSERT_EQ(k + 2, r->seq);
     }
 }
 
@@ -343,6 +370,11 @@ TEST_F(DaemonTest, OneDaemonPerSocketAndSigtermCleansUp) {
     EXPECT_TRUE(has(second.err, "another callhomed")) << second.err;
     EXPECT_EQ(0, ctl({"ping"}).status); // the first one is untouched
     EXPECT_GT(std::atoi(slurp(daemon.pidfile).c_str()), 0);
+    // Connected clients do not hold up the exit: one idle, one whose answer is held back.
+    Client idle(sock), held(sock);
+    EXPECT_EQ(0, idle.request(CALLHOME_ENABLE_OPC, GET_REQ, Bytes()).status);
+    ASSERT_EQ(0, ctl({"fault", "delay", "CALLHOME_ENABLE_OPC", "60000"}).status);
+    held.ask(CALLHOME_ENABLE_OPC, GET_REQ, Bytes());
     EXPECT_EQ(0, daemon.child.stop());
     EXPECT_NE(0, access(sock.c_str(), F_OK));
     EXPECT_NE(0, access(daemon.pidfile.c_str(), F_OK));
