@@ -257,7 +257,7 @@ void Server::publish(Service::SnapshotPtr snapshot) {
         std::lock_guard<std::mutex> lock(read_mutex_);
         snapshot_.swap(snapshot);
     }
-    // The old one (if no reader still holds it) goes here, outside the lock.
+    // The old one is freed here, outside the lock: readers need not wait for that.
 }
 
 void Server::run(int stop_fd) {
