@@ -703,7 +703,6 @@ void Server::broadcast(int32_t id, const std::vector<uint8_t> &payload) {
     }
 }
 
-
 void Server::read_loop(Conn &c) {
     // Sized once and never cleared: one byte over the largest frame shows a truncated message.
     const auto rx = std::make_unique_for_overwrite<uint8_t[]>(fr::kMaxFrame + 1);
