@@ -12,16 +12,7 @@
 namespace callhome {
 
 Committer::Committer(Service &service) : service_(service), wake_(posix::event_fd()) {
-    thread_ = std::thread([this] { loop(); });
-}
-
-Committer::~Committer() {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    cv_.notify_one();
-    thread_.join();
+    thread_ = std::jthread([this](std::stop_token stop) { loop(stop); });
 }
 
 void Committer::submit(uint64_t conn, platform::frame::Frame frame, platform::CmiRequest request,
@@ -67,13 +58,13 @@ void Committer::wake() {
     }
 }
 
-void Committer::loop() {
+void Committer::loop(std::stop_token stop) {
     for (;;) {
         Job job{};
         {
             std::unique_lock<std::mutex> lock(mutex_);
-            cv_.wait(lock, [&] { return stopping_ || job_; });
-            if (!job_) {
+            cv_.wait(lock, stop, [&] { return job_.has_value(); });
+            if (!job_) { // asked to stop, and no write waits
                 return;
             }
             job = std::move(*job_);

@@ -41,7 +41,7 @@ class Committer {
 
     // Starts the thread. Throws std::runtime_error when the wake-up descriptor can't be made.
     explicit Committer(Service &service);
-    ~Committer(); // lets the write in flight finish
+    // The destructor lets the write in flight (and one submitted) finish: thread_ goes first.
     Committer(const Committer &) = delete;
     Committer &operator=(const Committer &) = delete;
 
@@ -66,19 +66,18 @@ class Committer {
         platform::CmiRequest request;
         Service::ReadSessions reads;
     };
-    void loop();
+    void loop(std::stop_token stop);
     void wake();
 
     Service &service_;
     UniqueFd wake_;
     std::mutex mutex_;
-    std::condition_variable cv_;
+    std::condition_variable_any cv_;
     std::optional<Job> job_;
     std::optional<Done> done_;
     std::vector<std::pair<int32_t, std::vector<uint8_t>>> notifications_;
-    bool stopping_ = false;
     bool busy_ = false;
-    std::thread thread_;
+    std::jthread thread_; // last: stopped and joined before the rest goes
 };
 
 } // namespace callhome

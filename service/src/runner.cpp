@@ -11,16 +11,7 @@ namespace callhome::commands {
 
 Runner::Runner(std::vector<std::string> allowed, Limits limits)
     : allowed_(std::move(allowed)), limits_(limits), event_fd_(posix::event_fd()) {
-    thread_ = std::thread([this] { work(); });
-}
-
-Runner::~Runner() {
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        stop_ = true;
-    }
-    cv_.notify_all();
-    thread_.join();
+    thread_ = std::jthread([this](std::stop_token stop) { work(stop); });
 }
 
 void Runner::submit(Job job) {
@@ -46,11 +37,11 @@ size_t Runner::pending() const {
     return jobs_.size() + running_ + done_.size();
 }
 
-void Runner::work() {
+void Runner::work(std::stop_token stop) {
     std::unique_lock<std::mutex> lock(mu_);
     for (;;) {
-        cv_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
-        if (stop_) {
+        cv_.wait(lock, stop, [this] { return !jobs_.empty(); });
+        if (stop.stop_requested()) {
             return;
         }
         Job job = std::move(jobs_.front());

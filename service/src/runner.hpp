@@ -27,7 +27,7 @@ class Runner {
     };
 
     Runner(std::vector<std::string> allowed, Limits limits = {});
-    ~Runner(); // finishes the command under way, drops the jobs not started
+    // The destructor finishes the command under way and drops the jobs not started.
     Runner(const Runner &) = delete;
     Runner &operator=(const Runner &) = delete;
 
@@ -39,18 +39,17 @@ class Runner {
     size_t pending() const;
 
   private:
-    void work();
+    void work(std::stop_token stop);
 
     const std::vector<std::string> allowed_;
     const Limits limits_;
     posix::UniqueFd event_fd_;
     mutable std::mutex mu_;
-    std::condition_variable cv_;
+    std::condition_variable_any cv_;
     std::deque<Job> jobs_;
     std::vector<Done> done_;
     size_t running_ = 0;
-    bool stop_ = false;
-    std::thread thread_;
+    std::jthread thread_; // last: stopped and joined before the rest goes
 };
 
 } // namespace callhome::commands

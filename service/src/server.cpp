@@ -65,22 +65,8 @@ bool someone_listens(const std::string &path) {
     return connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
 }
 
-// Takes the frame's body: the answer needs only the frame's header.
-platform::CmiRequest to_request(fr::Frame &f) {
-    platform::CmiRequest req;
-    req.opcode = f.opcode;
-    req.msg_type = f.msg_type;
-    req.record = std::move(f.body);
-    req.wants_record = (f.flags & fr::kWantsRecord) != 0;
-    req.user_null = (f.flags & fr::kUserNull) != 0;
-    req.user = f.user;
-    req.session = f.session;
-    req.client = f.client;
-    req.wait = f.wait;
-    return req;
-}
-
-// The same into `req`, keeping its capacity: the frame's body is swapped in.
+// Moves the frame into `req`, keeping the request's capacity: the frame's body is swapped in
+// (the answer needs only the frame's header).
 void fill_request(fr::Frame &f, platform::CmiRequest &req) {
     req.opcode = f.opcode;
     req.msg_type = f.msg_type;
@@ -91,6 +77,12 @@ void fill_request(fr::Frame &f, platform::CmiRequest &req) {
     req.session = f.session;
     req.client = f.client;
     req.wait = f.wait;
+}
+
+platform::CmiRequest to_request(fr::Frame &f) {
+    platform::CmiRequest req;
+    fill_request(f, req);
+    return req;
 }
 
 const char *type_name(int msg_type) {

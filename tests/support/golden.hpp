@@ -1,5 +1,5 @@
 // Compares a test's whole output with a committed file: long fixed texts live in
-// data files, not in the tests (GoogleTest shows the lines that differ). After an intended
+// data files, not in the tests (the first line that differs is shown). After an intended
 // change, CALLHOME_UPDATE_GOLDEN=1 rewrites the file.
 #pragma once
 
@@ -59,7 +59,15 @@ inline void expect_golden(const std::string &path, const std::string &got) {
     ASSERT_TRUE(file) << "missing " << path << "; CALLHOME_UPDATE_GOLDEN=1 writes it";
     std::stringstream want;
     want << file.rdbuf();
-    EXPECT_EQ(want.str(), got) << "differs from " << path;
+    // The first line that differs, not the whole text: golden files run to thousands of lines.
+    std::istringstream got_lines(got), want_lines(want.str());
+    std::string g, w;
+    for (int n = 1; bool(std::getline(got_lines, g)) | bool(std::getline(want_lines, w));
+         ++n, g.clear(), w.clear()) {
+        ASSERT_EQ(g, w) << "first difference at " << path << ":" << n
+                        << " (CALLHOME_UPDATE_GOLDEN=1 rewrites the file after an intended change)";
+    }
+    EXPECT_EQ(want.str(), got) << path << " differs in its last line end";
 }
 
 } // namespace callhome_test
