@@ -1,7 +1,5 @@
 #include "committer.hpp"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -26,9 +24,7 @@ void Committer::submit(uint64_t conn, platform::frame::Frame frame, platform::Cm
 }
 
 std::optional<Committer::Done> Committer::take() {
-    uint64_t n;
-    while (read(wake_.get(), &n, sizeof n) > 0) {
-    }
+    posix::clear_events(wake_.get());
     std::lock_guard<std::mutex> lock(mutex_);
     std::optional<Done> d = std::move(done_);
     done_.reset();
@@ -52,8 +48,7 @@ std::vector<std::pair<int32_t, std::vector<uint8_t>>> Committer::take_notificati
 }
 
 void Committer::wake() {
-    const uint64_t one = 1;
-    if (write(wake_.get(), &one, sizeof one) < 0 && errno != EAGAIN) {
+    if (!posix::signal_event(wake_.get())) {
         std::cerr << "callhomed: cannot wake the event loop: " << std::strerror(errno) << "\n";
     }
 }

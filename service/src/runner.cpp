@@ -1,10 +1,5 @@
 #include "runner.hpp"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "posix/event_fd.hpp"
 
 namespace callhome::commands {
@@ -23,9 +18,7 @@ void Runner::submit(Job job) {
 }
 
 std::vector<Runner::Done> Runner::take() {
-    uint64_t n;
-    while (read(event_fd_.get(), &n, sizeof n) < 0 && errno == EINTR) {
-    }
+    posix::clear_events(event_fd_.get());
     std::lock_guard<std::mutex> lock(mu_);
     std::vector<Done> out;
     out.swap(done_);
@@ -55,9 +48,7 @@ void Runner::work(std::stop_token stop) {
         lock.lock();
         --running_;
         done_.push_back(std::move(d));
-        const uint64_t one = 1;
-        while (write(event_fd_.get(), &one, sizeof one) < 0 && errno == EINTR) {
-        }
+        posix::signal_event(event_fd_.get()); // fails only on a closed descriptor
     }
 }
 

@@ -252,6 +252,14 @@ void Server::publish(Service::SnapshotPtr snapshot) {
     // The old one is freed here, outside the lock: readers need not wait for that.
 }
 
+platform::CmiReply Server::read_snapshot(uint32_t session, const platform::CmiRequest &request) {
+    std::lock_guard<std::mutex> lock(read_mutex_);
+    if (session != 0) {
+        undo_.saw(session);
+    }
+    return service_.read(*snapshot_, request);
+}
+
 void Server::run(int stop_fd) {
     // epoll rather than poll: a request's wake-up then costs no walk over every descriptor
     // and no allocation of wait-queue entries in the kernel.
@@ -300,34 +308,24 @@ void Server::run(int stop_fd) {
                 1;
             timeout = timeout < 0 ? int(ms) : std::min(timeout, int(ms));
         }
-        // Writability is asked for only while answers wait in an outbox.
         for (Conn &c : conns_) {
-            if (c.reader.joinable()) {
-                // The loop is done with it once its answers are all out: its reader goes on.
-                if (c.loop_has && !c.dead && c.inbox.empty() && !c.held && !c.writing &&
-                    c.outbox.empty()) {
-                    c.loop_has = false;
-                    c.with_loop = false;
-                    c.with_loop.notify_one();
-                }
-                if (const bool want = !c.outbox.empty(); want != c.want_out) {
-                    epoll_event e{};
-                    e.events = EPOLLOUT;
-                    e.data.ptr = &c;
-                    if (epoll_ctl(epoll_.get(), want ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, c.fd.get(),
-                                  &e) != 0) {
-                        c.dead = true;
-                        continue;
-                    }
-                    c.want_out = want;
-                }
-                continue;
+            const bool reader = c.reader.joinable();
+            // The loop is done with a reader's connection once its answers are all out: the
+            // reader goes on.
+            if (reader && c.loop_has && !c.dead && c.inbox.empty() && !c.held && !c.writing &&
+                c.outbox.empty()) {
+                c.loop_has = false;
+                c.with_loop = false;
+                c.with_loop.notify_one();
             }
+            // Writability is asked for only while answers wait in an outbox. A connection
+            // with a reader is watched for nothing else, so it is registered only meanwhile.
             if (const bool want = !c.outbox.empty(); want != c.want_out) {
                 epoll_event e{};
-                e.events = EPOLLIN | (want ? uint32_t(EPOLLOUT) : 0u);
+                e.events = (reader ? 0u : uint32_t(EPOLLIN)) | (want ? uint32_t(EPOLLOUT) : 0u);
                 e.data.ptr = &c;
-                if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, c.fd.get(), &e) != 0) {
+                const int op = !reader ? EPOLL_CTL_MOD : want ? EPOLL_CTL_ADD : EPOLL_CTL_DEL;
+                if (epoll_ctl(epoll_.get(), op, c.fd.get(), &e) != 0) {
                     c.dead = true;
                     continue;
                 }
@@ -595,15 +593,7 @@ void Server::serve(Conn &c, fr::Frame &&f) {
         return;
     }
     if (Service::snapshot_answers(f.opcode, f.msg_type)) {
-        platform::CmiReply r;
-        {
-            std::lock_guard<std::mutex> lock(read_mutex_);
-            if (f.session != 0) {
-                undo_.saw(f.session);
-            }
-            r = service_.read(*snapshot_, to_request(f));
-        }
-        answer_request(c, f, std::move(r));
+        answer_request(c, f, read_snapshot(f.session, to_request(f)));
         return;
     }
     if (!committer_->busy()) {
@@ -740,13 +730,7 @@ bool Server::answer_read(Conn &c, fr::Frame &f, platform::CmiRequest &request,
         reply = *refusal;
     } else {
         fill_request(f, request);
-        {
-            std::lock_guard<std::mutex> lock(read_mutex_);
-            if (f.session != 0) {
-                undo_.saw(f.session);
-            }
-            r = service_.read(*snapshot_, request);
-        }
+        r = read_snapshot(f.session, request);
         reply = response_to(f, r);
         if (reply.flags & fr::kHasRecord) {
             body = r.record;
@@ -783,8 +767,7 @@ void Server::hand_off(Conn &c, Handed what) {
         std::lock_guard<std::mutex> lock(handed_mutex_);
         handed_.push_back(&c);
     }
-    const uint64_t one = 1;
-    if (write(handed_wake_.get(), &one, sizeof one) < 0 && errno != EAGAIN) {
+    if (!posix::signal_event(handed_wake_.get())) {
         std::cerr << "callhomed: cannot wake the event loop: " << std::strerror(errno) << "\n";
     }
     // Checked after with_loop is set: stop_reader sets closing before it clears with_loop,
@@ -795,9 +778,7 @@ void Server::hand_off(Conn &c, Handed what) {
 }
 
 void Server::take_handed() {
-    uint64_t n;
-    while (read(handed_wake_.get(), &n, sizeof n) > 0) {
-    }
+    posix::clear_events(handed_wake_.get());
     std::vector<Conn *> posted;
     {
         std::lock_guard<std::mutex> lock(handed_mutex_);

@@ -91,6 +91,8 @@ class Server {
     void stop_reader(Conn &c);
     // The snapshot readers answer from, swapped in under read_mutex_.
     void publish(Service::SnapshotPtr snapshot);
+    // A read answered from the snapshot, its session noted for the next write's UNDOs.
+    platform::CmiReply read_snapshot(uint32_t session, const platform::CmiRequest &request);
 
     // epoll_ctl for one of the loop's own descriptors; throws on failure.
     void watch(int fd, uint32_t events, uint64_t data, int op);
