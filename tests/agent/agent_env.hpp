@@ -37,35 +37,10 @@ inline CommandResult run(const std::string &command) {
     return callhome_test::run_command(command + " 2>&1");
 }
 
-inline std::string slurp(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
+using callhome_test::eventually;
+using callhome_test::slurp;
 inline int free_udp_port() {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    ::close(fd);
-    return ntohs(a.sin_port);
-}
-
-// Polls `pred` every 50 ms for at most `seconds`.
-template <class Pred> bool eventually(Pred pred, double seconds = 10) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return true;
+    return callhome_test::free_port(SOCK_DGRAM);
 }
 
 using callhome_test::Child;

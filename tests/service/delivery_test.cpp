@@ -27,17 +27,6 @@ void spit(const std::string &path, const std::string &text, mode_t mode = 0600) 
     std::ofstream(path) << text;
     chmod(path.c_str(), mode);
 }
-int free_tcp_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t n = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr *>(&a), n);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &n);
-    close(fd);
-    return ntohs(a.sin_port);
-}
 
 class Delivery : public ::testing::Test {
   protected:
@@ -140,7 +129,7 @@ class Delivery : public ::testing::Test {
 
     TempDir dir;
     std::string mail = dir / "mail";
-    int port = free_tcp_port();
+    int port = free_port(SOCK_STREAM);
     Child smtp, daemon;
 };
 

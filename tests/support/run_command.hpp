@@ -3,7 +3,9 @@
 #pragma once
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,14 +52,28 @@ inline std::string slurp(const std::string &path) {
     return ss.str();
 }
 
-// Polls `done` every 20 ms, at most 20 s: the bound only cuts a hung test short.
-template <class F> bool eventually(F done) {
-    for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+// Polls `done` every 20 ms, at most `seconds`: the bound only cuts a hung test short.
+template <class F> bool eventually(F done, int seconds = 20) {
+    for (int i = 0; i < seconds * 50;
+         ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
         if (done()) {
             return true;
         }
     }
     return false;
+}
+
+// A loopback port of `type` (SOCK_STREAM, SOCK_DGRAM) that nothing used a moment ago.
+inline int free_port(int type) {
+    const int fd = ::socket(AF_INET, type, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ::bind(fd, reinterpret_cast<sockaddr *>(&a), len);
+    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    ::close(fd);
+    return ntohs(a.sin_port);
 }
 
 // A scratch directory, removed with everything in it when it goes away.
